@@ -1,0 +1,23 @@
+# Every external library comes from Debian 12 packages (scripts/install-deps.sh).
+find_package(PkgConfig REQUIRED)
+find_package(Threads REQUIRED)
+find_package(fmt REQUIRED)
+find_package(TBB REQUIRED)
+find_package(Boost 1.81 REQUIRED COMPONENTS system)
+find_package(nlohmann_json REQUIRED)
+find_package(date REQUIRED)
+pkg_check_modules(SODIUM REQUIRED IMPORTED_TARGET libsodium)
+pkg_check_modules(LZ4 REQUIRED IMPORTED_TARGET liblz4)
+
+find_path(ASIO_INCLUDE_DIR asio.hpp REQUIRED)
+add_library(zlk_asio INTERFACE)
+target_include_directories(zlk_asio SYSTEM INTERFACE ${ASIO_INCLUDE_DIR})
+target_compile_definitions(zlk_asio INTERFACE ASIO_STANDALONE)
+target_link_libraries(zlk_asio INTERFACE Threads::Threads)
+
+if(ZLK_BUILD_TESTS)
+    find_package(GTest REQUIRED)
+endif()
+if(ZLK_BUILD_BENCH)
+    find_package(benchmark REQUIRED)
+endif()

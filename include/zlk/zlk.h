@@ -1,0 +1,12 @@
+/* Everything public, in one include. */
+#ifndef ZLK_ZLK_H
+#define ZLK_ZLK_H
+
+#include "zlk/client.h"
+#include "zlk/error.h"
+#include "zlk/log.h"
+#include "zlk/options.h"
+#include "zlk/perf.h"
+#include "zlk/types.h"
+
+#endif /* ZLK_ZLK_H */
