@@ -2,6 +2,9 @@
 # install what is missing, configure, build, then run the demo or the whole test suite.
 JOBS ?= $(shell nproc)
 BUILD ?= build
+# Cache hits across clones of the repository: paths are hashed relative to the checkout.
+export CCACHE_BASEDIR ?= $(CURDIR)
+export CCACHE_NOHASHDIR ?= true
 
 .PHONY: all deps build run test test-fast bench fuzz format clean
 

@@ -38,6 +38,9 @@ function(zlk_test)
     if(NOT T_TIMEOUT)
         set(T_TIMEOUT 300)
     endif()
+    if("concurrency" IN_LIST T_LABELS)
+        set_property(GLOBAL APPEND PROPERTY ZLK_CONCURRENCY_TESTS ${T_NAME})
+    endif()
     gtest_discover_tests(${T_NAME}
         DISCOVERY_TIMEOUT 60
         PROPERTIES LABELS "${T_LABELS}" TIMEOUT ${T_TIMEOUT})

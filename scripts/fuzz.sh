@@ -4,12 +4,13 @@
 set -euo pipefail
 cd "$(dirname "$0")/.."
 seconds=${FUZZ_SECONDS:-10}
-export CCACHE_DIR=${CCACHE_DIR:-$PWD/.cache/ccache}
+export CCACHE_BASEDIR=${CCACHE_BASEDIR:-$PWD}
+export CCACHE_NOHASHDIR=${CCACHE_NOHASHDIR:-true}
 if [ ! -f build-fuzz/build.ninja ]; then
     CC=clang-14 CXX=clang++-14 cmake -S . -B build-fuzz -G Ninja -DCMAKE_BUILD_TYPE=RelWithDebInfo \
         -DZLK_BUILD_FUZZ=ON -DZLK_BUILD_TESTS=OFF -DZLK_BUILD_BENCH=OFF -DZLK_SANITIZE=address,undefined
 fi
-cmake --build build-fuzz -j "$(nproc)"
+cmake --build build-fuzz -j "$(nproc)" --target fuzz_targets
 shopt -s nullglob
 targets=(build-fuzz/fuzz/fuzz_*)
 if [ ${#targets[@]} -eq 0 ]; then
