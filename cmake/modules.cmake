@@ -41,7 +41,9 @@ function(zlk_test)
     if("concurrency" IN_LIST T_LABELS)
         set_property(GLOBAL APPEND PROPERTY ZLK_CONCURRENCY_TESTS ${T_NAME})
     endif()
+    # A list inside PROPERTIES would be read as further property names: escape its separators.
+    string(REPLACE ";" "\\;" labels "${T_LABELS}")
     gtest_discover_tests(${T_NAME}
         DISCOVERY_TIMEOUT 60
-        PROPERTIES LABELS "${T_LABELS}" TIMEOUT ${T_TIMEOUT})
+        PROPERTIES LABELS "${labels}" TIMEOUT ${T_TIMEOUT})
 endfunction()

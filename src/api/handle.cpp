@@ -9,7 +9,9 @@
 #include "api/call_trace.hpp"
 
 zlk_session::zlk_session()
-    : replica_random(zlk::api::make_random_seed())
+    : network_settings(std::make_shared<zlk::network::network_settings>())
+    , broker(network_settings)
+    , replica_random(zlk::api::make_random_seed())
     , retry_random(zlk::api::make_random_seed())
 {
     zlk::api::generate_box_key_pair(session_keys);
@@ -51,6 +53,9 @@ zlk_session * create_handle()
 
 void destroy_handle(zlk_session * h) noexcept
 {
+    // The event loop stops first, so that every pending request has had its completion while the rest
+    // of the handle is still whole; then the pools go, closing the idle connections.
+    h->broker.stop();
     h->~zlk_session();
     // The memory outlives the object for a moment: mark it, so that a late use of the handle is refused
     // for as long as the allocator leaves the block alone.

@@ -18,6 +18,9 @@
 #include "api/guarded_key.hpp"
 #include "api/objects_tracker.hpp"
 #include "api/perf_profiles.hpp"
+#include "network/broker_service.hpp"
+#include "network/settings.hpp"
+#include "ring/cluster.hpp"
 #include "zlk/error.h"
 #include "zlk/types.h"
 
@@ -26,16 +29,6 @@ namespace zlk::api
 
 inline constexpr std::uint32_t live_magic = 0x5A1E7C0Du;
 inline constexpr std::uint32_t dead_magic = 0xDEADBEEFu;
-
-// The settings the client broker reads on every request (both its "sync" and "async" sides); the
-// broker itself takes this place when the network layer arrives.
-struct network_settings
-{
-    std::atomic<std::int64_t> timeout{300000}; // milliseconds, whole seconds
-    std::atomic<std::size_t> client_max_in_buf_size{0x10000000};
-    // Read only for the caller: filled from the cluster's settings.
-    std::atomic<std::size_t> cluster_max_in_buf_size{0x10000000};
-};
 
 // The addresses the handle is connected to. Empty means "not connected", which every call that needs
 // the cluster tests.
@@ -92,9 +85,18 @@ struct zlk_session
     zlk::api::key_pair session_keys;
     std::optional<std::array<std::uint8_t, 32>> cluster_public_key;
 
-    zlk::api::network_settings network;
+    // Timeout and input limit, written by the options and read by both sides of the broker for every
+    // new client.
+    std::shared_ptr<zlk::network::network_settings> network_settings;
+    // Read only for the caller: filled from the cluster's settings.
+    std::atomic<std::size_t> cluster_max_in_buf_size{0x10000000};
+    // The "clients broker" service: the event-loop thread and the pools of idle connections.
+    zlk::network::broker_service broker;
     // The ring map and the cluster connection state sit here, between the broker and the tracker, so
     // that teardown drops them after the tracker and before the broker.
+    // Holds the handle's replication_factor and replica_random by reference: it only reads them once
+    // requests run.
+    zlk::chord::cluster cluster{broker, replication_factor, replica_random};
 
     // Destroyed before the broker: a tracked buffer may still refer to a connection's memory.
     zlk::api::objects_tracker objects_tracker;
@@ -141,7 +143,8 @@ extern std::mutex handle_mutex;
 
 // Allocates and builds a handle. Throws std::bad_alloc.
 zlk_session * create_handle();
-// Tears the fields down in reverse order, marks the memory dead_magic and frees it.
+// Stops the broker (all completions run, then the idle connections close), tears the fields down in
+// reverse order, marks the memory dead_magic and frees it.
 void destroy_handle(zlk_session * h) noexcept;
 
 // Stores code and text (prefixed with the thread's call trace) as the handle's last error. Never throws:

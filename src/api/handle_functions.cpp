@@ -9,6 +9,8 @@
 #include <mutex>
 #include <system_error>
 
+#include <boost/system/system_error.hpp>
+
 #include "api/argument_checks.hpp"
 #include "api/call_frame.hpp"
 #include "api/handle.hpp"
@@ -90,6 +92,13 @@ zlk_error_t zlk_open(zlk_handle_t * handle, zlk_api_protocol_t protocol) noexcep
             {
                 count_closed_handle();
                 throw;
+            }
+
+            if (const boost::system::error_code ec = h->broker.run(); ec)
+            {
+                destroy_handle(h);
+                count_closed_handle();
+                throw boost::system::system_error{ec};
             }
 
             *handle = h;

@@ -2,6 +2,7 @@
 // Setters store by atomic exchange; every use reads the value afresh, so a change applies to the next
 // request while others are in flight.
 #include <cstdint>
+#include <utility>
 
 #include "api/call_frame.hpp"
 #include "api/handle.hpp"
@@ -24,7 +25,7 @@ zlk_error_t check_max_wait(const zlk_session & h, int value)
     {
         return zlk_e_ok;
     }
-    if (value < min_timeout || value < h.network.timeout.load(std::memory_order_relaxed))
+    if (value < min_timeout || std::cmp_less(value, h.network_settings->timeout_ms.load(std::memory_order_relaxed)))
     {
         return zlk_e_invalid_argument;
     }
@@ -52,7 +53,7 @@ zlk_error_t zlk_option_set_timeout(zlk_handle_t handle, int timeout_ms) noexcept
                             return zlk_e_invalid_argument;
                         }
                         // Requests time out in whole seconds.
-                        handle->network.timeout.exchange((timeout_ms / 1000) * 1000);
+                        handle->network_settings->timeout_ms.exchange(static_cast<std::uint64_t>((timeout_ms / 1000) * 1000));
                         return zlk_e_ok;
                     });
 }
@@ -64,7 +65,7 @@ zlk_error_t zlk_option_get_timeout(zlk_handle_t handle, int * timeout_ms) noexce
                     {
                         check_out(timeout_ms);
                         *timeout_ms =
-                            static_cast<int>(handle->network.timeout.load(std::memory_order_relaxed));
+                            static_cast<int>(handle->network_settings->timeout_ms.load(std::memory_order_relaxed));
                     });
 }
 
@@ -77,7 +78,7 @@ zlk_error_t zlk_option_set_client_max_in_buf_size(zlk_handle_t handle, size_t ma
                         {
                             return zlk_e_invalid_argument;
                         }
-                        handle->network.client_max_in_buf_size.store(max_size, std::memory_order_relaxed);
+                        handle->network_settings->max_input_size.store(max_size, std::memory_order_relaxed);
                         return zlk_e_ok;
                     });
 }
@@ -88,7 +89,7 @@ zlk_error_t zlk_option_get_client_max_in_buf_size(zlk_handle_t handle, size_t * 
                     [&]
                     {
                         check_out(max_size);
-                        *max_size = handle->network.client_max_in_buf_size.load(std::memory_order_relaxed);
+                        *max_size = handle->network_settings->max_input_size.load(std::memory_order_relaxed);
                     });
 }
 
@@ -98,7 +99,7 @@ zlk_error_t zlk_option_get_cluster_max_in_buf_size(zlk_handle_t handle, size_t *
                     [&]
                     {
                         check_out(max_size);
-                        *max_size = handle->network.cluster_max_in_buf_size.load(std::memory_order_relaxed);
+                        *max_size = handle->cluster_max_in_buf_size.load(std::memory_order_relaxed);
                     });
 }
 

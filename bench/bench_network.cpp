@@ -1,0 +1,181 @@
+// The cost of the network layer over the bare socket calls it makes.
+//
+// sync_exchange and blocking_ping_pong move the same bytes over loopback to the same peer (a thread per
+// connection answering every frame with one small fixed frame): the difference is what encoding,
+// framing, decoding and the pool add to a round trip. The goal is within 1.2 times the bare figure.
+//
+// pool_hit is get_client then return_client of an idle client: it must not allocate, which the global
+// operator new below counts (sync_exchange reports its count too: the reply buffer's).
+#include <benchmark/benchmark.h>
+
+#include <netinet/in.h>
+#include <netinet/tcp.h>
+#include <sys/socket.h>
+#include <unistd.h>
+
+#include <cstdlib>
+#include <new>
+#include <vector>
+
+#include "network/broker_service.hpp"
+#include "network/request.hpp"
+#include "scripted_peer.hpp"
+#include "wire/frame.hpp"
+
+namespace
+{
+
+// Of the calling thread alone: the peer's threads allocate too.
+thread_local std::uint64_t allocations = 0;
+
+} // namespace
+
+void * operator new(std::size_t size)
+{
+    ++allocations;
+    if (void * p = std::malloc(size != 0 ? size : 1))
+    {
+        return p;
+    }
+    throw std::bad_alloc();
+}
+
+// The pair is malloc and free; the compiler can't tell that free is the matching release of this new.
+#pragma GCC diagnostic push
+#pragma GCC diagnostic ignored "-Wmismatched-new-delete"
+void operator delete(void * p) noexcept
+{
+    std::free(p);
+}
+
+void operator delete(void * p, std::size_t) noexcept
+{
+    std::free(p);
+}
+#pragma GCC diagnostic pop
+
+namespace
+{
+
+using namespace zlk;
+using network::testing::bytes;
+using network::testing::scripted_peer;
+using network::testing::step;
+
+bytes encode(const protocol::message & m)
+{
+    serialization::small_scatter<8> scatter;
+    std::vector<std::uint8_t> scratch;
+    protocol::encode_frame(m, scatter, scratch);
+    bytes out;
+    serialization::flatten_into(scatter, out);
+    return out;
+}
+
+bytes small_reply()
+{
+    protocol::result r;
+    r.value = 1;
+    return encode(protocol::message{std::move(r)});
+}
+
+void sync_exchange(benchmark::State & state)
+{
+    scripted_peer peer;
+    peer.set_default(step::answer(small_reply()));
+    network::broker_service service(std::make_shared<network::network_settings>());
+    service.run();
+    const protocol::message request{chord::chord_request_ping{}};
+    const std::uint64_t before = allocations;
+    for (auto _ : state)
+    {
+        network::client::received_frame reply;
+        const auto ec = network::client::request_sync(service.sync_side(), peer.endpoint(), "client request",
+                                                      request, reply);
+        if (ec)
+        {
+            state.SkipWithError("request failed");
+            break;
+        }
+        benchmark::DoNotOptimize(reply.message);
+    }
+    state.counters["allocations_per_iteration"] = benchmark::Counter(
+        static_cast<double>(allocations - before) / static_cast<double>(state.iterations()));
+    service.stop();
+}
+BENCHMARK(sync_exchange)->UseRealTime();
+
+bool read_exactly(int fd, std::uint8_t * out, std::size_t size)
+{
+    std::size_t done = 0;
+    while (done < size)
+    {
+        const ssize_t n = ::read(fd, out + done, size - done);
+        if (n <= 0)
+        {
+            return false;
+        }
+        done += static_cast<std::size_t>(n);
+    }
+    return true;
+}
+
+void blocking_ping_pong(benchmark::State & state)
+{
+    scripted_peer peer;
+    const bytes reply = small_reply();
+    peer.set_default(step::answer(reply));
+    const bytes request = encode(protocol::message{chord::chord_request_ping{}});
+
+    const int fd = ::socket(AF_INET, SOCK_STREAM, 0);
+    const int on = 1;
+    ::setsockopt(fd, IPPROTO_TCP, TCP_NODELAY, &on, sizeof on);
+    ::sockaddr_in address{};
+    address.sin_family = AF_INET;
+    address.sin_addr.s_addr = htonl(INADDR_LOOPBACK);
+    address.sin_port = htons(peer.endpoint().port());
+    if (::connect(fd, reinterpret_cast<::sockaddr *>(&address), sizeof address) != 0)
+    {
+        state.SkipWithError("connect failed");
+        ::close(fd);
+        return;
+    }
+    std::vector<std::uint8_t> in(reply.size());
+    for (auto _ : state)
+    {
+        if (::write(fd, request.data(), request.size()) != static_cast<ssize_t>(request.size()) ||
+            !read_exactly(fd, in.data(), in.size()))
+        {
+            state.SkipWithError("exchange failed");
+            break;
+        }
+        benchmark::DoNotOptimize(in.data());
+    }
+    ::close(fd);
+}
+BENCHMARK(blocking_ping_pong)->UseRealTime();
+
+void pool_hit(benchmark::State & state)
+{
+    network::broker_service service(std::make_shared<network::network_settings>());
+    service.run();
+    network::clients_broker & side = service.sync_side();
+    const network::endpoint node(asio::ip::make_address("127.0.0.1"), 7000);
+    // The first round creates the client and its endpoint's pool.
+    side.return_client(side.get_client(node, "client request").second);
+
+    const std::uint64_t before = allocations;
+    for (auto _ : state)
+    {
+        auto c = side.get_client(node, "client request").second;
+        side.return_client(std::move(c));
+    }
+    state.counters["allocations_per_iteration"] = benchmark::Counter(
+        static_cast<double>(allocations - before) / static_cast<double>(state.iterations()));
+    service.stop();
+}
+BENCHMARK(pool_hit);
+
+} // namespace
+
+BENCHMARK_MAIN();
