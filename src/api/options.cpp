@@ -25,7 +25,8 @@ zlk_error_t check_max_wait(const zlk_session & h, int value)
     {
         return zlk_e_ok;
     }
-    if (value < min_timeout || std::cmp_less(value, h.network_settings->timeout_ms.load(std::memory_order_relaxed)))
+    if (value < min_timeout ||
+        std::cmp_less(value, h.network_settings->timeout_ms.load(std::memory_order_relaxed)))
     {
         return zlk_e_invalid_argument;
     }
@@ -53,7 +54,8 @@ zlk_error_t zlk_option_set_timeout(zlk_handle_t handle, int timeout_ms) noexcept
                             return zlk_e_invalid_argument;
                         }
                         // Requests time out in whole seconds.
-                        handle->network_settings->timeout_ms.exchange(static_cast<std::uint64_t>((timeout_ms / 1000) * 1000));
+                        handle->network_settings->timeout_ms.exchange(
+                            static_cast<std::uint64_t>((timeout_ms / 1000) * 1000));
                         return zlk_e_ok;
                     });
 }
@@ -64,8 +66,8 @@ zlk_error_t zlk_option_get_timeout(zlk_handle_t handle, int * timeout_ms) noexce
                     [&]
                     {
                         check_out(timeout_ms);
-                        *timeout_ms =
-                            static_cast<int>(handle->network_settings->timeout_ms.load(std::memory_order_relaxed));
+                        *timeout_ms = static_cast<int>(
+                            handle->network_settings->timeout_ms.load(std::memory_order_relaxed));
                     });
 }
 
