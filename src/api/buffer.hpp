@@ -6,6 +6,7 @@
 #include <cstddef>
 #include <cstdint>
 #include <cstdlib>
+#include <limits>
 #include <memory>
 #include <new>
 #include <span>
@@ -34,33 +35,79 @@ template <typename AllocationPolicy>
 class buffer
 {
 public:
-    // Uninitialised bytes, to be filled by the reader.
+    // Uninitialised bytes, to be filled by the reader. One allocation holds the shared pointer's
+    // control block, this object and the bytes: a small reply costs one allocation, not three.
     static std::shared_ptr<buffer> make(std::size_t size)
     {
-        std::unique_ptr<std::uint8_t, deallocator> bytes{
-            static_cast<std::uint8_t *>(AllocationPolicy::allocate(size))};
-        return std::shared_ptr<buffer>(new buffer(std::move(bytes), size));
+        std::uint8_t * tail = nullptr;
+        auto made = std::allocate_shared<buffer>(tail_allocator<buffer>{size, &tail}, private_tag{}, size);
+        made->_bytes = tail;
+        return made;
     }
 
     std::size_t size() const noexcept { return _size; }
-    std::uint8_t * data() noexcept { return _bytes.get(); }
-    const std::uint8_t * data() const noexcept { return _bytes.get(); }
-    std::span<std::uint8_t> bytes() noexcept { return {_bytes.get(), _size}; }
-    std::span<const std::uint8_t> bytes() const noexcept { return {_bytes.get(), _size}; }
+    std::uint8_t * data() noexcept { return _bytes; }
+    const std::uint8_t * data() const noexcept { return _bytes; }
+    std::span<std::uint8_t> bytes() noexcept { return {_bytes, _size}; }
+    std::span<const std::uint8_t> bytes() const noexcept { return {_bytes, _size}; }
 
-private:
-    struct deallocator
+    struct private_tag
     {
-        void operator()(std::uint8_t * p) const noexcept { AllocationPolicy::deallocate(p); }
     };
 
-    buffer(std::unique_ptr<std::uint8_t, deallocator> bytes, std::size_t size) noexcept
-        : _bytes(std::move(bytes))
-        , _size(size)
+    buffer(private_tag, std::size_t size) noexcept
+        : _size(size)
     {
     }
 
-    std::unique_ptr<std::uint8_t, deallocator> _bytes;
+    buffer(const buffer &) = delete;
+    buffer & operator=(const buffer &) = delete;
+
+private:
+    // Allocates the control block with `tail` bytes behind it, and says where they begin.
+    template <typename T>
+    struct tail_allocator
+    {
+        using value_type = T;
+
+        std::size_t tail;
+        std::uint8_t ** tail_out;
+
+        template <typename U>
+        tail_allocator(const tail_allocator<U> & other) noexcept
+            : tail(other.tail)
+            , tail_out(other.tail_out)
+        {
+        }
+
+        tail_allocator(std::size_t t, std::uint8_t ** out) noexcept
+            : tail(t)
+            , tail_out(out)
+        {
+        }
+
+        T * allocate(std::size_t n)
+        {
+            const std::size_t head = n * sizeof(T);
+            if (tail > std::numeric_limits<std::size_t>::max() - head)
+            {
+                throw std::bad_alloc{};
+            }
+            auto * block = static_cast<std::uint8_t *>(AllocationPolicy::allocate(head + tail));
+            *tail_out = block + head;
+            return reinterpret_cast<T *>(block);
+        }
+
+        void deallocate(T * p, std::size_t) noexcept { AllocationPolicy::deallocate(p); }
+
+        template <typename U>
+        bool operator==(const tail_allocator<U> & other) const noexcept
+        {
+            return tail == other.tail;
+        }
+    };
+
+    std::uint8_t * _bytes = nullptr;
     std::size_t _size;
 };
 
