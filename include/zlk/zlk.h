@@ -3,6 +3,7 @@
 #define ZLK_ZLK_H
 
 #include "zlk/client.h"
+#include "zlk/cluster.h"
 #include "zlk/error.h"
 #include "zlk/log.h"
 #include "zlk/options.h"

@@ -42,7 +42,8 @@ zlk_error_t connect_to(zlk_session & h)
         return coherent;
     }
     const zlk_error_t connected = h.cluster.connect_to();
-    h.cluster_max_in_buf_size.store(static_cast<std::size_t>(h.cluster.max_in_buf_size()), std::memory_order_relaxed);
+    h.cluster_max_in_buf_size.store(static_cast<std::size_t>(h.cluster.max_in_buf_size()),
+                                    std::memory_order_relaxed);
     return connected;
 }
 
@@ -107,7 +108,8 @@ void file_node_profile(zlk_session & h, const protocol::result & r)
     profile.measures.reserve(r.profile.size());
     for (const protocol::profile_entry & e : r.profile)
     {
-        profile.measures.push_back(perf_measure{fmt::format("{}", e.label), static_cast<std::int64_t>(e.value)});
+        profile.measures.push_back(
+            perf_measure{fmt::format("{}", e.label), static_cast<std::int64_t>(e.value)});
     }
     add_profile(h, std::move(profile));
 }
@@ -155,77 +157,87 @@ endpoints_block make_endpoints_block(const std::vector<zlk::chord::arc> & arcs)
 
 zlk_error_t zlk_connect(zlk_handle_t handle, const char * uri) noexcept
 {
-    return api_call(handle, "zlk_connect", [&]() -> zlk_error_t {
-        zlk::api::check_not_null(uri, "uri");
-        zlk::log::log(zlk::log::level::info, "connecting to {}", uri);
+    return api_call(handle, "zlk_connect",
+                    [&]() -> zlk_error_t
+                    {
+                        zlk::api::check_not_null(uri, "uri");
+                        zlk::log::log(zlk::log::level::info, "connecting to {}", uri);
 
-        auto [ec, endpoints] = zlk::network::parse_uri(uri);
-        if (ec)
-        {
-            return zlk::make_error_from_code(ec, zlk::local_origin);
-        }
+                        auto [ec, endpoints] = zlk::network::parse_uri(uri);
+                        if (ec)
+                        {
+                            return zlk::make_error_from_code(ec, zlk::local_origin);
+                        }
 
-        // Installed before the first addresses are set: no request can reach a node before that.
-        zlk_session & h = *handle;
-        h.cluster.install_profile_sink([&h](const zlk::protocol::result & r) { zlk::api::file_node_profile(h, r); });
+                        // Installed before the first addresses are set: no request can reach a node before
+                        // that.
+                        zlk_session & h = *handle;
+                        h.cluster.install_profile_sink([&h](const zlk::protocol::result & r)
+                                                       { zlk::api::file_node_profile(h, r); });
 
-        std::set<std::string> texts;
-        for (const zlk::network::endpoint & ep : endpoints)
-        {
-            texts.insert(zlk::network::format_endpoint(ep));
-        }
-        h.cluster.set_addresses(std::move(endpoints));
-        h.connected_uri.assign(std::move(texts));
-        return zlk::api::connect_to(h);
-    });
+                        std::set<std::string> texts;
+                        for (const zlk::network::endpoint & ep : endpoints)
+                        {
+                            texts.insert(zlk::network::format_endpoint(ep));
+                        }
+                        h.cluster.set_addresses(std::move(endpoints));
+                        h.connected_uri.assign(std::move(texts));
+                        return zlk::api::connect_to(h);
+                    });
 }
 
 zlk_error_t zlk_wait_for_stabilization(zlk_handle_t handle, int timeout_ms) noexcept
 {
-    return api_call(handle, "zlk_wait_for_stabilization", [&]() -> zlk_error_t {
-        if (timeout_ms < 0)
-        {
-            throw zlk_e_invalid_argument;
-        }
-        return zlk::api::wait_for_stabilization(*handle, std::chrono::milliseconds(timeout_ms),
-                                                zlk::api::steady_retry_clock());
-    });
+    return api_call(handle, "zlk_wait_for_stabilization",
+                    [&]() -> zlk_error_t
+                    {
+                        if (timeout_ms < 0)
+                        {
+                            throw zlk_e_invalid_argument;
+                        }
+                        return zlk::api::wait_for_stabilization(
+                            *handle, std::chrono::milliseconds(timeout_ms), zlk::api::steady_retry_clock());
+                    });
 }
 
-zlk_error_t zlk_cluster_endpoints(zlk_handle_t handle, zlk_remote_node_t ** endpoints, size_t * count) noexcept
+zlk_error_t zlk_cluster_endpoints(zlk_handle_t handle, zlk_remote_node_t ** endpoints,
+                                  size_t * count) noexcept
 {
-    return api_call(handle, "zlk_cluster_endpoints", [&]() -> zlk_error_t {
-        if (!endpoints || !count)
-        {
-            throw zlk_e_invalid_argument;
-        }
-        *endpoints = nullptr;
-        *count = 0;
-        return zlk::api::run_with_retries(
-            *handle,
-            [&]() -> zlk_error_t {
-                zlk_session & h = *handle;
-                const zlk_error_t connected = h.cluster.ensure_connected();
-                if (ZLK_FAILURE(connected))
-                {
-                    return connected;
-                }
-                auto [ec, arcs] = h.cluster.map().node_list(false);
-                if (ec)
-                {
-                    return zlk::make_error_from_code(ec, zlk::local_origin);
-                }
-                if (arcs.empty())
-                {
-                    return zlk_e_ok;
-                }
-                endpoints_block block = make_endpoints_block(arcs);
-                zlk_remote_node_t * nodes = block.nodes;
-                h.objects_tracker.track(nodes, block.bytes, "cluster endpoints");
-                *endpoints = nodes;
-                *count = arcs.size();
-                return zlk_e_ok;
-            },
-            zlk::api::ring_cluster_steps(), zlk::api::steady_retry_clock());
-    });
+    return api_call(handle, "zlk_cluster_endpoints",
+                    [&]() -> zlk_error_t
+                    {
+                        if (!endpoints || !count)
+                        {
+                            throw zlk_e_invalid_argument;
+                        }
+                        *endpoints = nullptr;
+                        *count = 0;
+                        return zlk::api::run_with_retries(
+                            *handle,
+                            [&]() -> zlk_error_t
+                            {
+                                zlk_session & h = *handle;
+                                const zlk_error_t connected = h.cluster.ensure_connected();
+                                if (ZLK_FAILURE(connected))
+                                {
+                                    return connected;
+                                }
+                                auto [ec, arcs] = h.cluster.map().node_list(false);
+                                if (ec)
+                                {
+                                    return zlk::make_error_from_code(ec, zlk::local_origin);
+                                }
+                                if (arcs.empty())
+                                {
+                                    return zlk_e_ok;
+                                }
+                                endpoints_block block = make_endpoints_block(arcs);
+                                zlk_remote_node_t * nodes = block.nodes;
+                                h.objects_tracker.track(nodes, block.bytes, "cluster endpoints");
+                                *endpoints = nodes;
+                                *count = arcs.size();
+                                return zlk_e_ok;
+                            },
+                            zlk::api::ring_cluster_steps(), zlk::api::steady_retry_clock());
+                    });
 }

@@ -1,5 +1,7 @@
 #include "api/retry_frame.hpp"
 
+#include "api/cluster_functions.hpp"
+
 #include <limits>
 #include <thread>
 
@@ -15,11 +17,6 @@ public:
     time_point now() noexcept override { return std::chrono::steady_clock::now(); }
     void sleep_for(std::chrono::nanoseconds duration) override { std::this_thread::sleep_for(duration); }
 };
-
-zlk_error_t no_transport(zlk_session &)
-{
-    return zlk_e_not_connected;
-}
 
 } // namespace
 
@@ -59,8 +56,7 @@ std::chrono::nanoseconds scaled_delay(std::chrono::milliseconds delay, std::uint
 
 const cluster_steps & default_cluster_steps() noexcept
 {
-    static const cluster_steps steps{&no_transport, &no_transport};
-    return steps;
+    return ring_cluster_steps();
 }
 
 zlk_error_t wait_for_stable_cluster(zlk_session * h, const cluster_steps & steps, retry_clock & clock)

@@ -51,8 +51,8 @@ inline bool is_conflict_error(zlk_error_t e) noexcept
     return e == zlk_e_clock_skew || e == zlk_e_conflict;
 }
 
-// How the handle gets back to a stable cluster. The ring supplies the real steps; the defaults know no
-// transport and report zlk_e_not_connected.
+// How the handle gets back to a stable cluster: by default the ring's own reconnect and walk; tests
+// inject their own.
 struct cluster_steps
 {
     // Reconnects to the stored addresses and reads the cluster's settings.

@@ -158,12 +158,6 @@ TEST_F(retry_frame, waiting_for_the_cluster_ends_at_the_first_status_that_is_not
                                [](zlk_session &) { return zlk_e_access_denied; }};
     EXPECT_EQ(wait_for_stable_cluster(&session(), denied, clock), zlk_e_access_denied);
     EXPECT_TRUE(clock.sleeps.empty());
-
-    // Today's steps know no transport.
-    scripted_body body{zlk_e_connection_refused, 1000};
-    EXPECT_EQ(run_with_retries(session(), std::ref(body), default_cluster_steps(), clock),
-              zlk_e_not_connected);
-    EXPECT_EQ(body.runs, 1);
 }
 
 } // namespace

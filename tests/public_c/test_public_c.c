@@ -1,5 +1,6 @@
 /* Every public header, one after the other and together, from a strict C99 program. */
 #include "zlk/client.h"
+#include "zlk/cluster.h"
 #include "zlk/error.h"
 #include "zlk/export.h"
 #include "zlk/log.h"
