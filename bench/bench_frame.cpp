@@ -6,32 +6,13 @@
 #include <cstdlib>
 #include <new>
 
+#include "allocation_counting.hpp"
 #include "zlk/zlk.h"
 
 namespace
 {
 
-std::atomic<std::uint64_t> allocations{0};
-
-class allocation_counter
-{
-public:
-    explicit allocation_counter(benchmark::State & state)
-        : _state(state)
-        , _start(allocations.load(std::memory_order_relaxed))
-    {
-    }
-    ~allocation_counter()
-    {
-        const auto n = allocations.load(std::memory_order_relaxed) - _start;
-        _state.counters["allocs"] =
-            benchmark::Counter(static_cast<double>(n), benchmark::Counter::kAvgIterations);
-    }
-
-private:
-    benchmark::State & _state;
-    std::uint64_t _start;
-};
+using zlk::bench::allocation_counter;
 
 struct open_handle
 {
@@ -101,33 +82,5 @@ void get_timeout_threads(benchmark::State & state)
 BENCHMARK(get_timeout_threads)->Threads(2)->UseRealTime();
 
 } // namespace
-
-void * operator new(std::size_t size)
-{
-    allocations.fetch_add(1, std::memory_order_relaxed);
-    if (void * p = std::malloc(size != 0 ? size : 1))
-    {
-        return p;
-    }
-    throw std::bad_alloc{};
-}
-
-namespace
-{
-// Out of line, so that the compiler doesn't pair an inlined free() with a new-expression and warn.
-[[gnu::noinline]] void release_memory(void * p) noexcept
-{
-    std::free(p);
-}
-} // namespace
-
-void operator delete(void * p) noexcept
-{
-    release_memory(p);
-}
-void operator delete(void * p, std::size_t) noexcept
-{
-    release_memory(p);
-}
 
 BENCHMARK_MAIN();

@@ -9,40 +9,37 @@
 #include <new>
 #include <string>
 
+#include "allocation_counting.hpp"
 #include "log/logger.hpp"
 
 namespace
 {
 
-std::atomic<std::uint64_t> allocations{0};
-
-class allocation_counter
+class log_counters
 {
 public:
-    explicit allocation_counter(benchmark::State & state)
+    explicit log_counters(benchmark::State & state)
         : state_(state)
-        , allocations_(allocations.load(std::memory_order_relaxed))
+        , allocations_(state)
         , dropped_(zlk::log::dropped_messages())
     {
     }
     // Both counts are process-wide: only the first thread reports them, over all threads' iterations.
-    ~allocation_counter()
+    // "allocs" comes from the shared counter, "dropped" from the logger.
+    ~log_counters()
     {
         if (state_.thread_index() != 0)
         {
             return;
         }
-        const auto allocs = allocations.load(std::memory_order_relaxed) - allocations_;
         const auto dropped = zlk::log::dropped_messages() - dropped_;
-        state_.counters["allocs"] =
-            benchmark::Counter(static_cast<double>(allocs), benchmark::Counter::kAvgIterations);
         state_.counters["dropped"] =
             benchmark::Counter(static_cast<double>(dropped), benchmark::Counter::kAvgIterations);
     }
 
 private:
     benchmark::State & state_;
-    std::uint64_t allocations_;
+    zlk::bench::allocation_counter allocations_;
     std::uint64_t dropped_;
 };
 
@@ -62,7 +59,7 @@ void flush_now_and_then(benchmark::State & state, std::int64_t i)
 
 void log_below_minimum(benchmark::State & state)
 {
-    allocation_counter counter(state);
+    log_counters counter(state);
     std::int64_t i = 0;
     for (auto _ : state)
     {
@@ -76,7 +73,7 @@ void log_above_minimum(benchmark::State & state)
 {
     const std::string endpoint = "127.0.0.1:2836";
     zlk::log::flush();
-    allocation_counter counter(state);
+    log_counters counter(state);
     std::int64_t i = 0;
     for (auto _ : state)
     {
@@ -92,7 +89,7 @@ void log_message_cut_at_512_bytes(benchmark::State & state)
 {
     const std::string long_text(2000, 'x');
     zlk::log::flush();
-    allocation_counter counter(state);
+    log_counters counter(state);
     std::int64_t i = 0;
     for (auto _ : state)
     {
@@ -103,32 +100,6 @@ void log_message_cut_at_512_bytes(benchmark::State & state)
 BENCHMARK(log_message_cut_at_512_bytes);
 
 } // namespace
-
-void * operator new(std::size_t size)
-{
-    allocations.fetch_add(1, std::memory_order_relaxed);
-    if (void * p = std::malloc(size == 0 ? 1 : size))
-    {
-        return p;
-    }
-    throw std::bad_alloc();
-}
-
-// Out of line, so that the compiler doesn't pair an inlined free() with a new-expression and warn.
-[[gnu::noinline]] void release_memory(void * p) noexcept
-{
-    std::free(p);
-}
-
-void operator delete(void * p) noexcept
-{
-    release_memory(p);
-}
-
-void operator delete(void * p, std::size_t) noexcept
-{
-    release_memory(p);
-}
 
 int main(int argc, char ** argv)
 {

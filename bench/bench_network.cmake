@@ -4,4 +4,4 @@ add_executable(bench_network
     ${CMAKE_CURRENT_LIST_DIR}/bench_network.cpp
     ${PROJECT_SOURCE_DIR}/tests/network/scripted_peer.cpp)
 target_include_directories(bench_network PRIVATE ${PROJECT_SOURCE_DIR}/tests/network)
-target_link_libraries(bench_network PRIVATE zlk_network benchmark::benchmark)
+target_link_libraries(bench_network PRIVATE zlk_network zlk_bench_support)

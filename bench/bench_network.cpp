@@ -17,42 +17,11 @@
 #include <new>
 #include <vector>
 
+#include "allocation_counting.hpp"
 #include "network/broker_service.hpp"
 #include "network/request.hpp"
 #include "scripted_peer.hpp"
 #include "wire/frame.hpp"
-
-namespace
-{
-
-// Of the calling thread alone: the peer's threads allocate too.
-thread_local std::uint64_t allocations = 0;
-
-} // namespace
-
-void * operator new(std::size_t size)
-{
-    ++allocations;
-    if (void * p = std::malloc(size != 0 ? size : 1))
-    {
-        return p;
-    }
-    throw std::bad_alloc();
-}
-
-// The pair is malloc and free; the compiler can't tell that free is the matching release of this new.
-#pragma GCC diagnostic push
-#pragma GCC diagnostic ignored "-Wmismatched-new-delete"
-void operator delete(void * p) noexcept
-{
-    std::free(p);
-}
-
-void operator delete(void * p, std::size_t) noexcept
-{
-    std::free(p);
-}
-#pragma GCC diagnostic pop
 
 namespace
 {
@@ -86,7 +55,9 @@ void sync_exchange(benchmark::State & state)
     network::broker_service service(std::make_shared<network::network_settings>());
     service.run();
     const protocol::message request{chord::chord_request_ping{}};
-    const std::uint64_t before = allocations;
+    // Of the calling thread alone: the peer's threads allocate too.
+    zlk::bench::allocation_counter allocs{state, zlk::bench::allocation_counter::scope::this_thread,
+                                          "allocations_per_iteration"};
     for (auto _ : state)
     {
         network::client::received_frame reply;
@@ -99,8 +70,7 @@ void sync_exchange(benchmark::State & state)
         }
         benchmark::DoNotOptimize(reply.message);
     }
-    state.counters["allocations_per_iteration"] = benchmark::Counter(
-        static_cast<double>(allocations - before) / static_cast<double>(state.iterations()));
+    allocs.stop();
     service.stop();
 }
 BENCHMARK(sync_exchange)->UseRealTime();
@@ -164,14 +134,15 @@ void pool_hit(benchmark::State & state)
     // The first round creates the client and its endpoint's pool.
     side.return_client(side.get_client(node, "client request").second);
 
-    const std::uint64_t before = allocations;
+    // Of the calling thread alone: the peer's threads allocate too.
+    zlk::bench::allocation_counter allocs{state, zlk::bench::allocation_counter::scope::this_thread,
+                                          "allocations_per_iteration"};
     for (auto _ : state)
     {
         auto c = side.get_client(node, "client request").second;
         side.return_client(std::move(c));
     }
-    state.counters["allocations_per_iteration"] = benchmark::Counter(
-        static_cast<double>(allocations - before) / static_cast<double>(state.iterations()));
+    allocs.stop();
     service.stop();
 }
 BENCHMARK(pool_hit);

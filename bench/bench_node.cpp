@@ -9,36 +9,10 @@
 #include <new>
 #include <vector>
 
+#include "allocation_counting.hpp"
 #include "node/node_state.hpp"
 #include "node/request_processor.hpp"
 #include "wire/frame.hpp"
-
-namespace
-{
-
-std::atomic<std::size_t> allocations{0};
-
-} // namespace
-
-void * operator new(std::size_t size)
-{
-    allocations.fetch_add(1, std::memory_order_relaxed);
-    if (void * p = std::malloc(size == 0 ? 1 : size))
-    {
-        return p;
-    }
-    throw std::bad_alloc();
-}
-
-void operator delete(void * p) noexcept
-{
-    std::free(p);
-}
-
-void operator delete(void * p, std::size_t) noexcept
-{
-    std::free(p);
-}
 
 namespace
 {
@@ -86,16 +60,13 @@ void run_path(benchmark::State & state, const protocol::message & m)
     processor.handle_frame(frame, request, out, faults);
     out.recycle();
 
-    const std::size_t before = allocations.load(std::memory_order_relaxed);
+    zlk::bench::allocation_counter allocs{state};
     for (auto _ : state)
     {
         processor.handle_frame(frame, request, out, faults);
         benchmark::DoNotOptimize(out.frame.total_size());
         out.recycle();
     }
-    state.counters["allocs"] =
-        benchmark::Counter(static_cast<double>(allocations.load(std::memory_order_relaxed) - before),
-                           benchmark::Counter::kAvgIterations);
     state.SetBytesProcessed(static_cast<std::int64_t>(state.iterations() * frame.size()));
 }
 

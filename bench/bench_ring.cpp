@@ -14,38 +14,12 @@
 #include <random>
 #include <vector>
 
+#include "allocation_counting.hpp"
 #include "api/handle.hpp"
 #include "node/local_cluster.hpp"
 #include "ring/routing.hpp"
 #include "wire/frame.hpp"
 #include "zlk/zlk.h"
-
-namespace
-{
-
-std::atomic<std::uint64_t> allocations{0};
-
-} // namespace
-
-void * operator new(std::size_t size)
-{
-    allocations.fetch_add(1, std::memory_order_relaxed);
-    if (void * p = std::malloc(size != 0 ? size : 1))
-    {
-        return p;
-    }
-    throw std::bad_alloc{};
-}
-
-void operator delete(void * p) noexcept
-{
-    std::free(p);
-}
-
-void operator delete(void * p, std::size_t) noexcept
-{
-    std::free(p);
-}
 
 namespace
 {
@@ -92,14 +66,13 @@ void find_owner_hit(benchmark::State & state)
 
     std::size_t i = 0;
     chord::node_info out;
-    const std::uint64_t before = allocations.load();
+    zlk::bench::allocation_counter allocs{state, zlk::bench::allocation_counter::scope::process,
+                                          "allocations_per_lookup"};
     for (auto _ : state)
     {
         benchmark::DoNotOptimize(map.find_owner(positions[i++ & 4095], 0, false, out));
         benchmark::DoNotOptimize(out);
     }
-    state.counters["allocations_per_lookup"] = benchmark::Counter(
-        static_cast<double>(allocations.load() - before) / static_cast<double>(state.iterations()));
 }
 BENCHMARK(find_owner_hit)->Arg(1000);
 
@@ -123,17 +96,18 @@ void routed_no_op(benchmark::State & state)
     request.key = cluster.id(0);
     request.has_content = false;
     chord::owner_reply reply;
-    const std::uint64_t before = allocations.load();
-    for (auto _ : state)
     {
-        if (chord::request_owner(h->cluster, request, no_op_body, reply) != zlk_e_ok)
+        zlk::bench::allocation_counter allocs{state, zlk::bench::allocation_counter::scope::process,
+                                              "allocations_per_request"};
+        for (auto _ : state)
         {
-            state.SkipWithError("request failed");
-            break;
+            if (chord::request_owner(h->cluster, request, no_op_body, reply) != zlk_e_ok)
+            {
+                state.SkipWithError("request failed");
+                break;
+            }
         }
     }
-    state.counters["allocations_per_request"] = benchmark::Counter(
-        static_cast<double>(allocations.load() - before) / static_cast<double>(state.iterations()));
     zlk_close(h);
 }
 BENCHMARK(routed_no_op)->UseRealTime();

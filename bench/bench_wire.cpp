@@ -8,6 +8,7 @@
 #include <string>
 #include <vector>
 
+#include "allocation_counting.hpp"
 #include "wire/content_compression.hpp"
 #include "wire/frame.hpp"
 #include "wire/operation_body.hpp"
@@ -15,17 +16,9 @@
 namespace
 {
 
-std::atomic<std::uint64_t> allocations{0};
-
 using namespace zlk;
 
 const protocol::frame_origin origin{nullptr, "bench", "bench"};
-
-void report_allocations(benchmark::State & state, std::uint64_t before)
-{
-    state.counters["allocs"] = benchmark::Counter(static_cast<double>(allocations.load() - before),
-                                                  benchmark::Counter::kAvgIterations);
-}
 
 protocol::operation_body put_body(const char * alias, std::size_t alias_size, const std::string & content)
 {
@@ -54,14 +47,13 @@ void encode_put_frame(benchmark::State & state)
     const protocol::message m = request;
     std::vector<std::uint8_t> scratch(protocol::frame_bound(m));
 
-    const std::uint64_t before = allocations.load();
+    zlk::bench::allocation_counter allocs{state};
     for (auto _ : state)
     {
         serialization::fixed_scatter<3> scatter;
         protocol::encode_frame(m, scatter, scratch);
         benchmark::DoNotOptimize(scatter.total_size());
     }
-    report_allocations(state, before);
 }
 BENCHMARK(encode_put_frame);
 
@@ -71,7 +63,7 @@ void build_and_encode_put(benchmark::State & state)
     const char alias[] = "an/alias/of/usual/length";
     const std::string content(100, 'c');
     std::vector<std::uint8_t> scratch;
-    const std::uint64_t before = allocations.load();
+    zlk::bench::allocation_counter allocs{state};
     for (auto _ : state)
     {
         const protocol::operation_body body = put_body(alias, sizeof alias, content);
@@ -84,7 +76,6 @@ void build_and_encode_put(benchmark::State & state)
         protocol::encode_frame(m, scatter, scratch);
         benchmark::DoNotOptimize(scatter.total_size());
     }
-    report_allocations(state, before);
 }
 BENCHMARK(build_and_encode_put);
 
@@ -103,14 +94,13 @@ void decode_carrier_reply(benchmark::State & state)
     serialization::flatten_into(scatter, frame);
 
     protocol::message m;
-    const std::uint64_t before = allocations.load();
+    zlk::bench::allocation_counter allocs{state};
     for (auto _ : state)
     {
         const auto ec = protocol::read_frame(frame, m, origin);
         benchmark::DoNotOptimize(ec);
         benchmark::DoNotOptimize(std::get<chord::chord_carrier_reply>(m).result.content_size());
     }
-    report_allocations(state, before);
     state.SetBytesProcessed(static_cast<std::int64_t>(state.iterations() * frame.size()));
 }
 BENCHMARK(decode_carrier_reply);
@@ -221,33 +211,5 @@ void lz4_decompress(benchmark::State & state)
 BENCHMARK(lz4_decompress);
 
 } // namespace
-
-void * operator new(std::size_t size)
-{
-    allocations.fetch_add(1, std::memory_order_relaxed);
-    if (void * p = std::malloc(size != 0 ? size : 1))
-    {
-        return p;
-    }
-    throw std::bad_alloc{};
-}
-
-namespace
-{
-// Out of line, so that the compiler doesn't pair an inlined free() with a new-expression and warn.
-[[gnu::noinline]] void release_memory(void * p) noexcept
-{
-    std::free(p);
-}
-} // namespace
-
-void operator delete(void * p) noexcept
-{
-    release_memory(p);
-}
-void operator delete(void * p, std::size_t) noexcept
-{
-    release_memory(p);
-}
 
 BENCHMARK_MAIN();
