@@ -18,6 +18,7 @@
 #include <vector>
 
 #include "allocation_counting.hpp"
+#include "blocking_io.hpp"
 #include "network/broker_service.hpp"
 #include "network/request.hpp"
 #include "scripted_peer.hpp"
@@ -25,6 +26,8 @@
 
 namespace
 {
+
+using zlk::network::testing::read_exactly;
 
 using namespace zlk;
 using network::testing::bytes;
@@ -74,21 +77,6 @@ void sync_exchange(benchmark::State & state)
     service.stop();
 }
 BENCHMARK(sync_exchange)->UseRealTime();
-
-bool read_exactly(int fd, std::uint8_t * out, std::size_t size)
-{
-    std::size_t done = 0;
-    while (done < size)
-    {
-        const ssize_t n = ::read(fd, out + done, size - done);
-        if (n <= 0)
-        {
-            return false;
-        }
-        done += static_cast<std::size_t>(n);
-    }
-    return true;
-}
 
 void blocking_ping_pong(benchmark::State & state)
 {

@@ -16,6 +16,7 @@
 
 #include "allocation_counting.hpp"
 #include "api/handle.hpp"
+#include "blocking_io.hpp"
 #include "node/local_cluster.hpp"
 #include "ring/routing.hpp"
 #include "wire/frame.hpp"
@@ -23,6 +24,8 @@
 
 namespace
 {
+
+using zlk::network::testing::read_exactly;
 
 using namespace zlk;
 
@@ -111,21 +114,6 @@ void routed_no_op(benchmark::State & state)
     zlk_close(h);
 }
 BENCHMARK(routed_no_op)->UseRealTime();
-
-bool read_exactly(int fd, std::uint8_t * out, std::size_t size)
-{
-    std::size_t done = 0;
-    while (done < size)
-    {
-        const ssize_t n = ::read(fd, out + done, size - done);
-        if (n <= 0)
-        {
-            return false;
-        }
-        done += static_cast<std::size_t>(n);
-    }
-    return true;
-}
 
 // The same carrier, encoded once, written and its reply read on a plain blocking socket.
 void bare_ping_pong(benchmark::State & state)

@@ -1,5 +1,7 @@
 #include "scripted_peer.hpp"
 
+#include "blocking_io.hpp"
+
 #include <netinet/in.h>
 #include <sys/socket.h>
 #include <unistd.h>
@@ -10,41 +12,6 @@
 
 namespace zlk::network::testing
 {
-
-namespace
-{
-
-bool read_exactly(int fd, std::uint8_t * out, std::size_t size)
-{
-    std::size_t done = 0;
-    while (done < size)
-    {
-        const ssize_t n = ::read(fd, out + done, size - done);
-        if (n <= 0)
-        {
-            return false;
-        }
-        done += static_cast<std::size_t>(n);
-    }
-    return true;
-}
-
-bool write_all(int fd, const bytes & data)
-{
-    std::size_t done = 0;
-    while (done < data.size())
-    {
-        const ssize_t n = ::send(fd, data.data() + done, data.size() - done, MSG_NOSIGNAL);
-        if (n <= 0)
-        {
-            return false;
-        }
-        done += static_cast<std::size_t>(n);
-    }
-    return true;
-}
-
-} // namespace
 
 scripted_peer::scripted_peer()
 {
@@ -194,7 +161,7 @@ void scripted_peer::serve(int fd)
             requests_.fetch_add(1);
         }
         changed_.notify_all();
-        if (!s.reply.empty() && !write_all(fd, s.reply))
+        if (!s.reply.empty() && !write_all(fd, s.reply.data(), s.reply.size()))
         {
             break;
         }
