@@ -40,6 +40,20 @@ bool is_canceled(const boost::system::error_code & ec) noexcept
     return ec == boost::system::errc::operation_canceled;
 }
 
+// A gather write that reports a connection the peer has closed as EPIPE instead of raising SIGPIPE,
+// which would end the caller's process.
+::ssize_t gather_write(int fd, ::iovec * iov, std::size_t count) noexcept
+{
+#if defined(MSG_NOSIGNAL)
+    ::msghdr message{};
+    message.msg_iov = iov;
+    message.msg_iovlen = count;
+    return ::sendmsg(fd, &message, MSG_NOSIGNAL);
+#else
+    return ::writev(fd, iov, static_cast<int>(count));
+#endif
+}
+
 template <typename T>
 int set_option(int fd, int level, int name, const T & value) noexcept
 {
@@ -87,6 +101,10 @@ void client::apply_socket_options() noexcept
         log::log(log::level::warning, "could not set socket option on socket: {}",
                  error_text(system_error(errno)));
     }
+#if !defined(MSG_NOSIGNAL) && defined(SO_NOSIGPIPE)
+    // No per-call flag here: the socket itself must not raise SIGPIPE (see gather_write).
+    (void)set_option(fd, SOL_SOCKET, SO_NOSIGPIPE, on);
+#endif
 }
 
 boost::system::error_code client::open_socket()
@@ -233,7 +251,7 @@ boost::system::error_code client::send(const serialization::scatter_list & frame
             iov[i].iov_base = const_cast<std::uint8_t *>(entry.data + skip);
             iov[i].iov_len = entry.size - skip;
         }
-        const ::ssize_t written = ::writev(fd, iov, static_cast<int>(count));
+        const ::ssize_t written = gather_write(fd, iov, count);
         if (written < 0)
         {
             if (errno == EINTR)

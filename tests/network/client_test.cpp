@@ -1,5 +1,7 @@
 #include <gtest/gtest.h>
 
+#include <poll.h>
+
 #include <cerrno>
 #include <numeric>
 
@@ -221,6 +223,39 @@ TEST_F(sync_path, gathers_more_entries_than_one_writev_takes)
     EXPECT_EQ(value_of(reply), 5u);
 }
 
+TEST_F(sync_path, a_node_that_closed_the_connection_under_a_large_request_is_an_error_not_a_signal)
+{
+    // The node answers once and closes; the pooled client learns of it only by writing.
+    peer.push(step{testing::result_frame(1), step::then::close});
+    auto [ec, c] = service.sync_side().get_client(peer.endpoint(), "client request");
+    ASSERT_FALSE(c->connect());
+    client::received_frame reply;
+    serialization::small_scatter<4> ping;
+    const bytes ping_frame = testing::ping_frame();
+    ping.append(ping_frame.data(), ping_frame.size());
+    ASSERT_FALSE(client::exchange(*c, ping, reply));
+    ::pollfd closed{c->native_handle(), POLLIN, 0};
+    ASSERT_EQ(::poll(&closed, 1, 60000), 1);
+
+    // More than the socket buffers take at once: the writes go on after the node's reset came back.
+    constexpr std::size_t piece = 1 << 20;
+    constexpr std::size_t pieces = 64;
+    const bytes body(piece, 0);
+    const bytes head = testing::frame_head(35, piece * pieces);
+    serialization::small_scatter<4> frame;
+    frame.append(head.data(), head.size());
+    for (std::size_t i = 0; i < pieces; ++i)
+    {
+        frame.append(body.data(), body.size());
+    }
+    log_lines::take();
+    const auto failed = client::exchange(*c, frame, reply);
+    EXPECT_TRUE(failed == boost::system::errc::broken_pipe || failed == boost::system::errc::connection_reset)
+        << failed.message();
+    EXPECT_FALSE(c->connected());
+    EXPECT_TRUE(contains_line(log_lines::take(), "could not send the data"));
+}
+
 TEST_F(sync_path, a_connection_refuses_a_zero_timeout_and_closes_idempotently)
 {
     auto [ec, c] = service.sync_side().get_client(peer.endpoint(), "client request");
@@ -236,6 +271,13 @@ TEST_F(sync_path, a_connection_refuses_a_zero_timeout_and_closes_idempotently)
     c->close();
     EXPECT_FALSE(c->connected());
     EXPECT_EQ(c->native_handle(), -1);
+
+    // A client made with a zero time-out can't connect at all.
+    settings->timeout_ms = 0;
+    auto [made, untimed] = service.sync_side().get_client(peer.endpoint(), "client request");
+    EXPECT_EQ(untimed->connect(), boost::system::errc::invalid_argument);
+    EXPECT_FALSE(untimed->connected());
+    EXPECT_EQ(untimed->native_handle(), -1);
 }
 
 TEST(is_final_error, names_the_errors_a_second_attempt_could_not_help)
