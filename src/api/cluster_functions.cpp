@@ -174,6 +174,9 @@ zlk_error_t zlk_connect(zlk_handle_t handle, const char * uri) noexcept
                         zlk_session & h = *handle;
                         h.cluster.install_profile_sink([&h](const zlk::protocol::result & r)
                                                        { zlk::api::file_node_profile(h, r); });
+                        // A request that finds the map empty connects again as this call does, checks
+                        // included.
+                        h.cluster.install_connector([&h] { return zlk::api::connect_to(h); });
 
                         std::set<std::string> texts;
                         for (const zlk::network::endpoint & ep : endpoints)

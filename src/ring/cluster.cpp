@@ -24,6 +24,11 @@ void cluster::install_profile_sink(profile_sink sink)
     std::call_once(_profile_sink_once, [&] { _conversations.set_profile_sink(std::move(sink)); });
 }
 
+void cluster::install_connector(std::function<zlk_error_t()> connector)
+{
+    std::call_once(_connector_once, [&] { _connector = std::move(connector); });
+}
+
 void cluster::set_addresses(network::endpoint_set addresses)
 {
     std::lock_guard lock{_addresses_mutex};
@@ -139,7 +144,7 @@ zlk_error_t cluster::ensure_connected()
     {
         return zlk_e_not_connected;
     }
-    return connect_to();
+    return _connector ? _connector() : connect_to();
 }
 
 zlk_error_t cluster::get_node_arc(const network::endpoint & ep, arc & out)
@@ -152,7 +157,7 @@ zlk_error_t cluster::get_node_arc(const network::endpoint & ep, arc & out)
     }
     if (o.error)
     {
-        return make_error_from_code(o.error, o.remote ? remote_origin : local_origin);
+        return make_error_from_code(o.error, local_origin);
     }
     if (!arc_is_valid(answer))
     {

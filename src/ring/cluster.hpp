@@ -14,6 +14,7 @@
 
 #include <atomic>
 #include <cstdint>
+#include <functional>
 #include <mutex>
 
 #include "network/broker_service.hpp"
@@ -45,6 +46,11 @@ public:
     // before the addresses are first set, which is what lets requests run at all.
     void install_profile_sink(profile_sink sink);
 
+    // How the entry check of a request connects again: the handle's own connection, which checks the
+    // credentials first. Same rule as the sink: the first call counts, before the addresses are set.
+    // Without one, connect_to.
+    void install_connector(std::function<zlk_error_t()> connector);
+
     void set_addresses(network::endpoint_set addresses);
     network::endpoint_set addresses() const;
     bool has_addresses() const;
@@ -66,6 +72,7 @@ public:
 
     // The arc of the node at that endpoint, learnt into the map. A transport failure of the chord-visible
     // kind forgets the node; an invalid arc is zlk_e_unstable_cluster ("could not get the node arc for {}").
+    // Every failure, a refusal's error included, is translated with the local origin.
     zlk_error_t get_node_arc(const network::endpoint & ep, arc & out);
 
     // Forgets the node when the transport failure makes its place on the ring suspect.
@@ -93,6 +100,8 @@ private:
     std::atomic<std::uint64_t> _max_in_buf_size{default_max_in_buf_size};
     std::atomic<bool> _profiling{false};
     std::once_flag _profile_sink_once;
+    std::function<zlk_error_t()> _connector;
+    std::once_flag _connector_once;
 
     mutable std::mutex _addresses_mutex;
     network::endpoint_set _addresses;

@@ -86,6 +86,21 @@ TEST(cluster_connection, refuses_what_it_cannot_use_and_connects_through_any_end
     EXPECT_EQ(handle.map().arcs().front().node.id, cluster.id(1));
 }
 
+TEST(cluster_connection, a_request_connecting_again_checks_the_credentials_as_zlk_connect_does)
+{
+    node::local_cluster cluster(1);
+    handle_guard handle;
+    // A cluster key without a user key can't make a secure channel nor a clear one.
+    handle.h->cluster_public_key.emplace();
+    EXPECT_EQ(zlk_connect(handle.h, cluster.uri().c_str()), zlk_e_login_failed);
+    EXPECT_EQ(routed_no_op(handle.cluster(), cluster.id(0)), zlk_e_login_failed);
+    EXPECT_EQ(handle.map().ring_size(), 0u) << "nothing was sent in the clear";
+
+    handle.h->cluster_public_key.reset();
+    EXPECT_EQ(routed_no_op(handle.cluster(), cluster.id(0)), zlk_e_ok);
+    EXPECT_EQ(handle.map().ring_size(), 1u);
+}
+
 // A node that is told a ring in which another node, at its own endpoint, owns part of its arc: it
 // refuses the keys of that part with "wrong peer", and it tells the client that the other node owns them.
 TEST(routing, a_node_that_always_answers_wrong_peer_is_asked_anew_three_times_then_given_up)

@@ -4,6 +4,7 @@
 #include <atomic>
 
 #include "cluster_test_support.hpp"
+#include "ring/alias_hash.hpp"
 #include "scripted_peer.hpp"
 #include "wire/frame.hpp"
 
@@ -219,6 +220,22 @@ TEST(broadcast, reaches_every_live_node_and_fails_when_one_is_dead)
     cluster.set_faults(2, faults);
     EXPECT_EQ(chord::request_all_nodes(handle.cluster(), trim_all_body, policy), zlk_e_operation_disabled);
     EXPECT_EQ(trims.load(), 7);
+}
+
+TEST(node_arc, a_refused_ping_forgets_the_node_and_is_a_local_failure)
+{
+    // A chord code past the known ones translates to the internal status of the origin it is given.
+    protocol::result refused;
+    refused.error = make_error_code(static_cast<chord::error>(99));
+    network::testing::scripted_peer peer;
+    peer.set_default(network::testing::step::answer(frame_of(protocol::message{refused})));
+
+    handle_guard handle;
+    const chord::node_info node{chord::alias_hash("refusing"), peer.endpoint()};
+    handle.map().insert_arc(chord::arc{node, node, node});
+    chord::arc out;
+    EXPECT_EQ(handle.cluster().get_node_arc(peer.endpoint(), out), zlk_e_internal_local);
+    EXPECT_EQ(handle.map().ring_size(), 0u);
 }
 
 } // namespace
