@@ -12,23 +12,43 @@ export TSAN_OPTIONS=${TSAN_OPTIONS:-halt_on_error=1:second_deadlock_stack=1}
 
 section() { printf '\n==== %s ====\n' "$1"; }
 
+# Each ctest run's closing line is kept, so that the last line of the whole run adds them up.
+summary=$(mktemp)
+trap 'rm -f "$summary"' EXIT
+run_ctest() {
+    local dir=$1
+    shift
+    (cd "$dir" && ctest -j "$jobs" --output-on-failure "$@") | tee -a "$summary"
+}
+
 section "build (RelWithDebInfo)"
 scripts/configure.sh build -DCMAKE_BUILD_TYPE=RelWithDebInfo
 cmake --build build -j "$jobs"
 section "tests (RelWithDebInfo)"
-(cd build && ctest -j "$jobs" --output-on-failure --label-exclude bench)
+run_ctest build
 
 section "build (address,undefined)"
 scripts/configure.sh build-asan -DCMAKE_BUILD_TYPE=Debug -DZLK_SANITIZE=address,undefined -DZLK_BUILD_BENCH=OFF
 cmake --build build-asan -j "$jobs"
 section "tests (address,undefined)"
-(cd build-asan && ctest -j "$jobs" --output-on-failure)
+run_ctest build-asan
 
 section "build (thread)"
 scripts/configure.sh build-tsan -DCMAKE_BUILD_TYPE=RelWithDebInfo -DZLK_SANITIZE=thread -DZLK_BUILD_BENCH=OFF
 cmake --build build-tsan -j "$jobs" --target concurrency_tests
 section "tests (thread, concurrency label)"
-(cd build-tsan && ctest -j "$jobs" --output-on-failure -L concurrency)
+run_ctest build-tsan -L concurrency
 
 section "fuzzing"
 scripts/fuzz.sh
+
+passed=0
+failed=0
+while read -r line; do
+    total=$(sed -E 's/.* out of ([0-9]+).*/\1/' <<<"$line")
+    bad=$(sed -E 's/.*, ([0-9]+) tests? failed.*/\1/' <<<"$line")
+    passed=$((passed + total - bad))
+    failed=$((failed + bad))
+done < <(grep -E 'tests passed, [0-9]+ tests? failed out of [0-9]+' "$summary")
+echo
+echo "tests: $passed passed, $failed failed"
