@@ -98,7 +98,7 @@ private:
     boost::unordered_flat_map<std::uint16_t, entry> _handlers;
 };
 
-// get_config (23) and node_status (21).
+// get_config (23), node_status (21) and the entry operations, over a store of their own.
 operation_registry standard_operations();
 
 } // namespace zlk::node

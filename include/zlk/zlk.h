@@ -2,12 +2,17 @@
 #ifndef ZLK_ZLK_H
 #define ZLK_ZLK_H
 
+#include "zlk/batch.h"
+#include "zlk/blob.h"
 #include "zlk/client.h"
 #include "zlk/cluster.h"
+#include "zlk/entry.h"
 #include "zlk/error.h"
+#include "zlk/integer.h"
 #include "zlk/log.h"
 #include "zlk/options.h"
 #include "zlk/perf.h"
+#include "zlk/transaction.h"
 #include "zlk/types.h"
 
 #endif /* ZLK_ZLK_H */

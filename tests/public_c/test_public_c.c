@@ -1,11 +1,16 @@
 /* Every public header, one after the other and together, from a strict C99 program. */
+#include "zlk/batch.h"
+#include "zlk/blob.h"
 #include "zlk/client.h"
 #include "zlk/cluster.h"
+#include "zlk/entry.h"
 #include "zlk/error.h"
 #include "zlk/export.h"
+#include "zlk/integer.h"
 #include "zlk/log.h"
 #include "zlk/options.h"
 #include "zlk/perf.h"
+#include "zlk/transaction.h"
 #include "zlk/types.h"
 #include "zlk/zlk.h"
 

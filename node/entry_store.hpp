@@ -1,0 +1,142 @@
+// The entries a node holds, in memory: blobs and integers by their 256-bit key, with their expiry,
+// modification time and version, and the writes that transactions have staged but not committed yet.
+//
+// Sharded by key, one mutex per shard: requests on different keys seldom meet. Every operation runs
+// whole under its shard's lock, so a read-modify-write (integer add, compare and swap) is atomic.
+//
+// Transactions: a write carrying a transaction stamp goes to the key's staged slot and stays invisible
+// to everyone else until the stamp's commit. While another stamp holds the key, a write (or a
+// transactional read) answers a conflict; a plain read sees the committed entry.
+#pragma once
+
+#include <boost/system/error_code.hpp>
+
+#include <array>
+#include <chrono>
+#include <cstddef>
+#include <cstdint>
+#include <functional>
+#include <mutex>
+#include <optional>
+#include <span>
+#include <unordered_map>
+#include <vector>
+
+#include "entries/entry_type.hpp"
+#include "ring/ring_id.hpp"
+#include "wire/timespec.hpp"
+#include "wire/uuid.hpp"
+
+namespace zlk::node
+{
+
+struct stored_entry
+{
+    kernel::entry_type type = kernel::entry_type::blob;
+    // A blob's bytes as the client sent them (maybe compressed); an integer's 8-byte value.
+    std::vector<std::uint8_t> content;
+    // All zero: never expires.
+    timespec expiry;
+    timespec modified;
+    std::uint64_t version = 0;
+
+    std::int64_t integer() const noexcept;
+    void set_integer(std::int64_t v);
+};
+
+// The transaction states a client asks for (transaction_state operation).
+enum class transaction_step : std::uint8_t
+{
+    precommit = 1,
+    commit = 2,
+    rollback = 3,
+    commit_single = 4,
+};
+
+struct entry_store_limits
+{
+    // Largest content of an entry, in bytes; beyond it a write answers entry_too_large.
+    std::size_t max_entry_size = 64u << 20;
+    // A staged write whose transaction hasn't ended after this long is dropped, so that a client that
+    // went away mid-transaction doesn't hold its keys for ever.
+    std::int64_t abandoned_after_seconds = 60;
+};
+
+class entry_store
+{
+public:
+    using clock = std::function<timespec()>;
+
+    explicit entry_store(entry_store_limits limits = {}, clock now = {});
+
+    entry_store(const entry_store &) = delete;
+    entry_store & operator=(const entry_store &) = delete;
+
+    const entry_store_limits & limits() const noexcept { return _limits; }
+    timespec now() const;
+
+    // What an operation sees of a key and may change. `entry` is the visible entry (or empty); the
+    // operation changes it through the view, and the store writes it back when `changed` is set.
+    struct view
+    {
+        std::optional<stored_entry> entry;
+        bool changed = false;
+        timespec now;
+    };
+
+    // Runs op(view) under the key's lock, in the transaction `stamp` (none: outside any). Answers a
+    // kernel conflict without running op when another transaction holds the key and op writes
+    // (`writes`) or runs in a transaction. What op returns is the result; a failed op changes nothing.
+    boost::system::error_code apply(const chord::ring_id & key, const zlk::uuid & stamp, bool writes,
+                                    const std::function<boost::system::error_code(view &)> & op);
+
+    // Moves the stamp's staged write of the key to the state asked for. A key the stamp doesn't hold
+    // accepts every step (it was only read, or never touched on this node).
+    boost::system::error_code set_transaction_state(const chord::ring_id & key, const zlk::uuid & stamp,
+                                                    transaction_step step);
+
+    // Committed live entries, for tests and the status record.
+    std::size_t size() const;
+
+private:
+    struct staged
+    {
+        zlk::uuid stamp;
+        timespec since;
+        bool precommitted = false;
+        // Empty: the transaction removes the entry.
+        std::optional<stored_entry> value;
+    };
+
+    struct slot
+    {
+        std::optional<stored_entry> committed;
+        std::optional<staged> pending;
+    };
+
+    struct key_hash
+    {
+        std::size_t operator()(const chord::ring_id & id) const noexcept
+        {
+            return static_cast<std::size_t>(id.words[0] ^ id.words[1] ^ id.words[2] ^ id.words[3]);
+        }
+    };
+
+    struct shard
+    {
+        mutable std::mutex mutex;
+        std::unordered_map<chord::ring_id, slot, key_hash> slots;
+    };
+
+    static constexpr std::size_t shard_count = 16;
+
+    shard & shard_of(const chord::ring_id & key) noexcept;
+    bool expired(const stored_entry & e, const timespec & now) const noexcept;
+    bool abandoned(const staged & p, const timespec & now) const noexcept;
+
+    entry_store_limits _limits;
+    clock _now;
+    std::array<shard, shard_count> _shards;
+};
+
+} // namespace zlk::node
