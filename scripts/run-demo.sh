@@ -1,6 +1,7 @@
 #!/usr/bin/env bash
 # The demo of `make run`: starts a local ring of three zlkd nodes on 127.0.0.1, runs every example
-# program against it (each gets the cluster's URI as its argument), and stops the ring.
+# program against it (each gets the cluster's URI as its argument), then a short zlk-bench, and stops
+# the ring.
 set -euo pipefail
 build=${1:-build}
 cd "$(dirname "$0")/.."
@@ -15,5 +16,10 @@ for ex in "$build"/examples/example_*; do
     echo "==== $(basename "$ex") $uri"
     "$ex" "$uri"
 done
+
+# A short load test of the same ring: a few seconds at most.
+echo
+echo "==== zlk-bench $uri"
+"$build"/tools/zlk-bench --uri "$uri" -t put,get,update,int_add,batch -n 2000 -d 100 -c 2
 echo
 echo "demo finished"

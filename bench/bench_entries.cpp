@@ -1,0 +1,219 @@
+// Blob calls through the C interface against in-process nodes: a synchronous zlk_blob_get of 100 bytes
+// next to a bare blocking ping-pong of the same request with the same node (the difference is what the
+// library adds to the round trip), zlk_blob_put of 100 bytes, and zlk_run_batch of 10,000 puts spread
+// over a three-node ring, in items per second. The allocation counters count the calling thread only:
+// the in-process node allocates on its own threads.
+#include <benchmark/benchmark.h>
+
+#include <netinet/in.h>
+#include <netinet/tcp.h>
+#include <sys/socket.h>
+#include <unistd.h>
+
+#include <cstdio>
+#include <string>
+#include <vector>
+
+#include "allocation_counting.hpp"
+#include "blocking_io.hpp"
+#include "entries/entry_requests.hpp"
+#include "entries/entry_type.hpp"
+#include "node/local_cluster.hpp"
+#include "ring/alias_hash.hpp"
+#include "ring/routing.hpp"
+#include "wire/frame.hpp"
+#include "zlk/zlk.h"
+
+namespace
+{
+
+using zlk::network::testing::read_exactly;
+using zlk::network::testing::write_all;
+
+using namespace zlk;
+
+constexpr std::size_t content_size = 100;
+constexpr const char * stored_alias = "bench.entries.stored";
+
+// A handle connected to the cluster, closed on scope exit; null (and the benchmark skipped) on failure.
+struct connected_handle
+{
+    zlk_handle_t h = nullptr;
+
+    connected_handle(benchmark::State & state, const std::string & uri)
+    {
+        if (zlk_open(&h, zlk_p_tcp) != zlk_e_ok || zlk_connect(h, uri.c_str()) != zlk_e_ok)
+        {
+            state.SkipWithError("could not connect");
+            zlk_close(h);
+            h = nullptr;
+        }
+    }
+    ~connected_handle() { zlk_close(h); }
+    connected_handle(const connected_handle &) = delete;
+    connected_handle & operator=(const connected_handle &) = delete;
+};
+
+void blob_get(benchmark::State & state)
+{
+    node::local_cluster cluster(1);
+    connected_handle c(state, cluster.uri());
+    const std::vector<char> content(content_size, 'x');
+    if (!c.h ||
+        zlk_blob_put(c.h, stored_alias, content.data(), content.size(), zlk_never_expires) != zlk_e_ok)
+    {
+        state.SkipWithError("could not store the blob");
+        return;
+    }
+    zlk::bench::allocation_counter allocs{state, zlk::bench::allocation_counter::scope::this_thread,
+                                          "client_allocations_per_get"};
+    for (auto _ : state)
+    {
+        const void * out = nullptr;
+        std::size_t length = 0;
+        if (zlk_blob_get(c.h, stored_alias, &out, &length) != zlk_e_ok || length != content_size)
+        {
+            state.SkipWithError("get failed");
+            break;
+        }
+        zlk_release(c.h, out);
+    }
+}
+BENCHMARK(blob_get)->UseRealTime();
+
+// The same get request, encoded once, written and its reply read on a plain blocking socket.
+void bare_get_ping_pong(benchmark::State & state)
+{
+    node::local_cluster cluster(1);
+    {
+        connected_handle c(state, cluster.uri());
+        const std::vector<char> content(content_size, 'x');
+        if (!c.h ||
+            zlk_blob_put(c.h, stored_alias, content.data(), content.size(), zlk_never_expires) != zlk_e_ok)
+        {
+            state.SkipWithError("could not store the blob");
+            return;
+        }
+    }
+    const protocol::operation_body body = client::get_body(0, 0, kernel::entry_type::blob);
+    const protocol::message request{
+        chord::make_carrier(chord::alias_hash(std::string_view{stored_alias}), 0, 0, body)};
+    serialization::small_scatter<16> scatter;
+    std::vector<std::uint8_t> scratch;
+    protocol::encode_frame(request, scatter, scratch);
+    std::vector<std::uint8_t> frame;
+    serialization::flatten_into(scatter, frame);
+
+    const int fd = ::socket(AF_INET, SOCK_STREAM, 0);
+    const int on = 1;
+    ::setsockopt(fd, IPPROTO_TCP, TCP_NODELAY, &on, sizeof on);
+    ::sockaddr_in address{};
+    address.sin_family = AF_INET;
+    address.sin_addr.s_addr = htonl(INADDR_LOOPBACK);
+    address.sin_port = htons(cluster.endpoint(0).port());
+    if (::connect(fd, reinterpret_cast<::sockaddr *>(&address), sizeof address) != 0)
+    {
+        state.SkipWithError("connect failed");
+        ::close(fd);
+        return;
+    }
+    std::vector<std::uint8_t> in(4096);
+    std::uint64_t reply_size = 0;
+    for (auto _ : state)
+    {
+        if (!write_all(fd, frame.data(), frame.size()) ||
+            !read_exactly(fd, in.data(), protocol::frame_header_size))
+        {
+            state.SkipWithError("exchange failed");
+            break;
+        }
+        reply_size = serialization::detail::load_le<std::uint64_t>(in.data() + 4);
+        if (reply_size > in.size() - protocol::frame_header_size ||
+            !read_exactly(fd, in.data() + protocol::frame_header_size, static_cast<std::size_t>(reply_size)))
+        {
+            state.SkipWithError("reply failed");
+            break;
+        }
+        benchmark::DoNotOptimize(in.data());
+    }
+    // A reply without the content would make this baseline flatter than the real get.
+    if (reply_size < content_size)
+    {
+        state.SkipWithError("the reply carries no content");
+    }
+    state.counters["reply_bytes"] = static_cast<double>(reply_size);
+    ::close(fd);
+}
+BENCHMARK(bare_get_ping_pong)->UseRealTime();
+
+void blob_put(benchmark::State & state)
+{
+    node::local_cluster cluster(1);
+    connected_handle c(state, cluster.uri());
+    if (!c.h)
+    {
+        return;
+    }
+    const std::vector<char> content(content_size, 'x');
+    // A new alias per put, formatted in place.
+    char alias[64];
+    std::uint64_t n = 0;
+    zlk::bench::allocation_counter allocs{state, zlk::bench::allocation_counter::scope::this_thread,
+                                          "client_allocations_per_put"};
+    for (auto _ : state)
+    {
+        std::snprintf(alias, sizeof alias, "bench.entries.put.%llu", static_cast<unsigned long long>(n++));
+        if (zlk_blob_put(c.h, alias, content.data(), content.size(), zlk_never_expires) != zlk_e_ok)
+        {
+            state.SkipWithError("put failed");
+            break;
+        }
+    }
+}
+BENCHMARK(blob_put)->UseRealTime();
+
+void batch_of_puts(benchmark::State & state)
+{
+    constexpr std::size_t records = 10000;
+    node::local_cluster cluster(3);
+    connected_handle c(state, cluster.uri());
+    if (!c.h)
+    {
+        return;
+    }
+    const std::vector<char> content(content_size, 'x');
+    std::vector<std::string> aliases(records);
+    std::vector<zlk_operation_t> ops(records);
+    std::uint64_t round = 0;
+    for (auto _ : state)
+    {
+        // Fresh aliases every round, so each record is a put that creates its entry.
+        state.PauseTiming();
+        for (std::size_t i = 0; i < records; ++i)
+        {
+            aliases[i] = "bench.entries.batch." + std::to_string(round) + "." + std::to_string(i);
+        }
+        ++round;
+        zlk_init_operations(ops.data(), ops.size());
+        for (std::size_t i = 0; i < records; ++i)
+        {
+            ops[i].type = zlk_op_blob_put;
+            ops[i].alias = aliases[i].c_str();
+            ops[i].fields.blob_put.content = content.data();
+            ops[i].fields.blob_put.content_length = content.size();
+            ops[i].fields.blob_put.expiry_time = zlk_never_expires;
+        }
+        state.ResumeTiming();
+        if (zlk_run_batch(c.h, ops.data(), ops.size()) != records)
+        {
+            state.SkipWithError("a record failed");
+            break;
+        }
+    }
+    state.SetItemsProcessed(static_cast<std::int64_t>(state.iterations() * records));
+}
+BENCHMARK(batch_of_puts)->UseRealTime()->Unit(benchmark::kMillisecond);
+
+} // namespace
+
+BENCHMARK_MAIN();
