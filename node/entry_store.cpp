@@ -114,9 +114,10 @@ error_code entry_store::apply(const chord::ring_id & key, const zlk::uuid & stam
         {
             if (!sl.pending)
             {
-                sl.pending.emplace();
-                sl.pending->stamp = stamp;
-                sl.pending->since = now;
+                // Built whole: clang takes a nested type with member initialisers for not default
+                // constructible inside its enclosing class.
+                staged fresh{stamp, now, false, std::nullopt};
+                sl.pending = std::move(fresh);
             }
             sl.pending->value = std::move(v.entry);
         }
