@@ -39,6 +39,7 @@ Several nodes in this process:
 Every node:
   --replication N           replication factor, 1 to 4 (default 1)
   --enable-stop             a node_stop request stops the node (default: refused, operation disabled)
+  --disable-purge-all       refuse purge_all with "operation disabled" (default: purge_all empties the node)
   --profile                 tells clients to profile their requests (default off)
   --threads N               I/O threads per node, and as many worker threads (default
                             min(hardware concurrency, 4))
@@ -190,6 +191,14 @@ command_line_outcome parse_command_line(std::span<const std::string_view> args)
                 return fail(p.error);
             }
             base.enable_stop = true;
+        }
+        else if (flag == "--disable-purge-all")
+        {
+            if (!no_value())
+            {
+                return fail(p.error);
+            }
+            base.enable_purge_all = false;
         }
         else if (flag == "--profile")
         {

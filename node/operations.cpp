@@ -1,6 +1,7 @@
 #include "node/operations.hpp"
 
 #include "log/logger.hpp"
+#include "node/admin_operations.hpp"
 #include "node/address.hpp"
 #include "node/entry_operations.hpp"
 #include "node/node_state.hpp"
@@ -142,7 +143,7 @@ operation_registry standard_operations()
     operation_registry r;
     r.add(static_cast<std::uint16_t>(protocol::operation::get_config), get_config);
     r.add(static_cast<std::uint16_t>(protocol::operation::node_status), node_status);
-    add_entry_operations(r, std::make_shared<entry_store>());
+    add_admin_operations(r);
     return r;
 }
 

@@ -34,6 +34,8 @@ struct node_settings
     unsigned replication_factor = 1;
     // Whether chord_request_node_stop stops the node.
     bool enable_stop = false;
+    // Whether purge_all empties the node: on, since a development node's data is disposable.
+    bool enable_purge_all = true;
     // The profiling flag clients read with get_config.
     bool profile_performance = false;
     // I/O threads, and as many for operations that wait on other nodes.

@@ -193,7 +193,7 @@ json config_document(const node_state & node)
 
     json security;
     security["enable_stop"] = s.enable_stop;
-    security["enable_purge_all"] = false;
+    security["enable_purge_all"] = s.enable_purge_all;
     security["enabled"] = false;
     security["encrypt_traffic"] = false;
     security["cluster_private_file"] = "";
