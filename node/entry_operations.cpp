@@ -23,6 +23,20 @@ error_code kernel_error(kernel::error e) noexcept
     return make_error_code(e);
 }
 
+// What an operation on an existing entry of one type answers first.
+error_code require(const entry_store::view & v, entry_type type) noexcept
+{
+    if (!v.entry)
+    {
+        return kernel_error(kernel::error::not_found);
+    }
+    if (v.entry->type != type)
+    {
+        return kernel_error(kernel::error::incompatible_type);
+    }
+    return {};
+}
+
 // An expiry as written: the (0, -1) form keeps what the entry has.
 struct expiry_field
 {
@@ -252,13 +266,9 @@ public:
         run(ctx, reply, true,
             [&](entry_store::view & v) -> error_code
             {
-                if (!v.entry)
+                if (const error_code e = require(v, entry_type::integer))
                 {
-                    return kernel_error(kernel::error::not_found);
-                }
-                if (v.entry->type != entry_type::integer)
-                {
-                    return kernel_error(kernel::error::incompatible_type);
+                    return e;
                 }
                 std::int64_t sum = 0;
                 if (__builtin_add_overflow(v.entry->integer(), addend, &sum))
@@ -322,13 +332,9 @@ public:
         run(ctx, reply, true,
             [&](entry_store::view & v) -> error_code
             {
-                if (!v.entry)
+                if (const error_code e = require(v, entry_type::blob))
                 {
-                    return kernel_error(kernel::error::not_found);
-                }
-                if (v.entry->type != entry_type::blob)
-                {
-                    return kernel_error(kernel::error::incompatible_type);
+                    return e;
                 }
                 if (!same_content(v.entry->content, comparand))
                 {
@@ -364,13 +370,9 @@ public:
         run(ctx, reply, true,
             [&](entry_store::view & v) -> error_code
             {
-                if (!v.entry)
+                if (const error_code e = require(v, entry_type::blob))
                 {
-                    return kernel_error(kernel::error::not_found);
-                }
-                if (v.entry->type != entry_type::blob)
-                {
-                    return kernel_error(kernel::error::incompatible_type);
+                    return e;
                 }
                 if (!same_content(v.entry->content, comparand))
                 {
@@ -408,13 +410,9 @@ public:
         run(ctx, reply, true,
             [&](entry_store::view & v) -> error_code
             {
-                if (!v.entry)
+                if (const error_code e = require(v, entry_type::blob))
                 {
-                    return kernel_error(kernel::error::not_found);
-                }
-                if (v.entry->type != entry_type::blob)
-                {
-                    return kernel_error(kernel::error::incompatible_type);
+                    return e;
                 }
                 put_content(ctx, v.entry->content);
                 v.entry->content.assign(content.begin(), content.end());
