@@ -24,7 +24,7 @@
 
 #include "entries/entry_type.hpp"
 #include "ring/ring_id.hpp"
-#include "wire/timespec.hpp"
+#include "wire/time_value.hpp"
 #include "wire/uuid.hpp"
 
 namespace zlk::node

@@ -12,7 +12,7 @@
 #include "entries/entry_type.hpp"
 #include "ring/routing.hpp"
 #include "wire/operation_body.hpp"
-#include "wire/timespec.hpp"
+#include "wire/time_value.hpp"
 #include "zlk/types.h"
 
 namespace zlk::client

@@ -34,7 +34,7 @@
 #include "api/error_categories.hpp"
 #include "ring/ring_id.hpp"
 #include "wire/scatter.hpp"
-#include "wire/timespec.hpp"
+#include "wire/time_value.hpp"
 #include "wire/uuid.hpp"
 #include "zlk/types.h"
 

@@ -5,7 +5,7 @@
 #include <cstdint>
 
 #include "ring/ring_id.hpp"
-#include "wire/timespec.hpp"
+#include "wire/time_value.hpp"
 
 namespace zlk
 {
