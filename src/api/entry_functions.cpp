@@ -52,6 +52,23 @@ zlk_error_t read_entry_info(zlk_session & h, const char * alias, client::entry_i
     return client::decode_entry_info(reply.reply()->result.content_view(), info);
 }
 
+// Reads the entry's information under the retry frame and hands it to `use` when it came.
+template <typename Use>
+zlk_error_t with_entry_info(zlk_session & h, const char * alias, Use && use)
+{
+    return zlk::api::run_with_retries(h,
+                                      [&]() -> zlk_error_t
+                                      {
+                                          client::entry_info info;
+                                          const zlk_error_t r = read_entry_info(h, alias, info);
+                                          if (ZLK_SUCCESS(r))
+                                          {
+                                              use(info);
+                                          }
+                                          return r;
+                                      });
+}
+
 } // namespace
 
 zlk_error_t zlk_remove(zlk_handle_t handle, const char * alias) noexcept
@@ -103,18 +120,9 @@ zlk_error_t zlk_get_expiry_time(zlk_handle_t handle, const char * alias, zlk_tim
                         {
                             throw zlk_e_invalid_argument;
                         }
-                        return zlk::api::run_with_retries(
-                            *handle,
-                            [&]() -> zlk_error_t
-                            {
-                                client::entry_info info;
-                                const zlk_error_t r = read_entry_info(*handle, alias, info);
-                                if (ZLK_SUCCESS(r))
-                                {
-                                    *expiry_time = client::expiry_milliseconds(info.expiry);
-                                }
-                                return r;
-                            });
+                        return with_entry_info(*handle, alias,
+                                               [&](const client::entry_info & info)
+                                               { *expiry_time = client::expiry_milliseconds(info.expiry); });
                     });
 }
 
@@ -128,18 +136,9 @@ zlk_error_t zlk_get_type(zlk_handle_t handle, const char * alias, zlk_entry_type
                             throw zlk_e_invalid_argument;
                         }
                         *entry_type = zlk_entry_uninitialized;
-                        return zlk::api::run_with_retries(
-                            *handle,
-                            [&]() -> zlk_error_t
-                            {
-                                client::entry_info info;
-                                const zlk_error_t r = read_entry_info(*handle, alias, info);
-                                if (ZLK_SUCCESS(r))
-                                {
-                                    *entry_type = zlk::kernel::public_entry_type(info.type);
-                                }
-                                return r;
-                            });
+                        return with_entry_info(*handle, alias,
+                                               [&](const client::entry_info & info)
+                                               { *entry_type = zlk::kernel::public_entry_type(info.type); });
                     });
 }
 
@@ -153,28 +152,20 @@ zlk_error_t zlk_get_metadata(zlk_handle_t handle, const char * alias,
                         {
                             throw zlk_e_invalid_argument;
                         }
-                        return zlk::api::run_with_retries(
-                            *handle,
-                            [&]() -> zlk_error_t
-                            {
-                                client::entry_info info;
-                                const zlk_error_t r = read_entry_info(*handle, alias, info);
-                                if (ZLK_FAILURE(r))
-                                {
-                                    return r;
-                                }
-                                std::uint8_t * out = metadata->reference;
-                                for (const std::uint64_t w : info.key.words)
-                                {
-                                    zlk::serialization::detail::store_le(out, w);
-                                    out += 8;
-                                }
-                                metadata->type = zlk::kernel::public_entry_type(info.type);
-                                metadata->size = info.size;
-                                metadata->modification_time = info.modified.to_c();
-                                metadata->expiry_time = info.expiry.to_c();
-                                return r;
-                            });
+                        return with_entry_info(*handle, alias,
+                                               [&](const client::entry_info & info)
+                                               {
+                                                   std::uint8_t * out = metadata->reference;
+                                                   for (const std::uint64_t w : info.key.words)
+                                                   {
+                                                       zlk::serialization::detail::store_le(out, w);
+                                                       out += 8;
+                                                   }
+                                                   metadata->type = zlk::kernel::public_entry_type(info.type);
+                                                   metadata->size = info.size;
+                                                   metadata->modification_time = info.modified.to_c();
+                                                   metadata->expiry_time = info.expiry.to_c();
+                                               });
                     });
 }
 
