@@ -8,6 +8,7 @@
 #include "node/entry_operations.hpp"
 #include "node/entry_store.hpp"
 #include "node/node_state.hpp"
+#include "node/ts_operations.hpp"
 #include "wire/marshal.hpp"
 #include "wire/operations.hpp"
 
@@ -28,9 +29,14 @@ constexpr std::uint16_t number(operation op) noexcept
 struct store_generation
 {
     std::shared_ptr<entry_store> store = std::make_shared<entry_store>();
+    std::shared_ptr<ts_store> buckets = std::make_shared<ts_store>();
     operation_registry handlers;
 
-    store_generation() { add_entry_operations(handlers, store); }
+    store_generation()
+    {
+        add_entry_operations(handlers, store);
+        add_ts_operations(handlers, ts_context{store, buckets});
+    }
 };
 
 class purgeable_entries

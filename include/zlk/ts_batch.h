@@ -1,0 +1,11 @@
+#ifndef ZLK_TS_BATCH_H
+#define ZLK_TS_BATCH_H
+
+#include "zlk/error.h"
+#include "zlk/ts_types.h"
+
+ZLK_BEGIN_C
+
+ZLK_END_C
+
+#endif /* ZLK_TS_BATCH_H */

@@ -1,0 +1,138 @@
+// The buckets of time series tables that a node holds: for each bucket key, per column, the rows in
+// time order (offsets from the shard's start, and values). Separate from the entry store: buckets
+// aren't listed with entries. Table schemas live in the entry store, as entries of type table.
+//
+// Sharded by bucket id with one mutex per shard, like the entry store; a bucket is read and written
+// whole under its shard's lock.
+#pragma once
+
+#include <boost/system/error_code.hpp>
+#include <boost/unordered/unordered_flat_map.hpp>
+
+#include <array>
+#include <cstddef>
+#include <cstdint>
+#include <functional>
+#include <memory>
+#include <mutex>
+#include <span>
+#include <string>
+#include <string_view>
+#include <vector>
+
+#include "ring/ring_id.hpp"
+#include "timeseries/column_type.hpp"
+#include "wire/time_value.hpp"
+
+namespace zlk::node
+{
+
+struct ts_column_schema
+{
+    std::string name;
+    kernel::column_type type = kernel::column_type::double_;
+    std::uint64_t index = 0;
+};
+
+struct ts_table_schema
+{
+    std::uint64_t tag = 0;
+    std::uint64_t shard_size = 0;
+    std::vector<ts_column_schema> columns;
+
+    const ts_column_schema * find(std::uint64_t index) const noexcept;
+    const ts_column_schema * find(std::string_view name) const noexcept;
+};
+
+// One column of one bucket. `offsets` is sorted (stable: equal offsets keep their arrival order) and
+// parallel to the one value vector its type uses.
+struct ts_column_data
+{
+    kernel::column_type type = kernel::column_type::double_;
+    std::vector<std::int64_t> offsets;
+    std::vector<double> doubles;
+    std::vector<std::int64_t> integers;
+    std::vector<timespec> timestamps;
+    std::vector<std::string> bytes;
+
+    std::size_t size() const noexcept { return offsets.size(); }
+    // Rows whose offset lies in [begin, end): positions [first, last).
+    std::pair<std::size_t, std::size_t> rows_between(std::int64_t begin_offset,
+                                                     std::int64_t end_offset) const noexcept;
+    // Removes rows in [begin, end); returns how many.
+    std::size_t erase_between(std::int64_t begin_offset, std::int64_t end_offset);
+    // Approximate bytes held.
+    std::size_t byte_size() const noexcept;
+};
+
+// The values of rows to merge into a column, as views into a request; exactly the one matching the
+// column's type is used, with as many elements as there are offsets.
+struct ts_incoming_values
+{
+    std::span<const std::uint8_t> fixed;                  // 8 bytes a row (double, int64), 16 (timestamp)
+    std::span<const std::span<const std::uint8_t>> bytes; // blob, string
+};
+
+struct ts_bucket
+{
+    std::string key;              // the bucket key, without the terminator
+    std::string table;            // the table's alias
+    std::int64_t shard_start = 0; // ms
+    std::uint64_t shard_size = 0; // ms
+    boost::unordered_flat_map<std::uint64_t, ts_column_data> columns; // by column index
+
+    // Merges rows (offsets in any order) into the column, creating it with `type`. kernel code 12 when
+    // the column exists with another type, 6 when the counts differ.
+    boost::system::error_code merge(std::uint64_t index, kernel::column_type type,
+                                    std::span<const std::int64_t> offsets, const ts_incoming_values & values);
+    std::size_t byte_size() const noexcept;
+};
+
+class ts_store
+{
+public:
+    ts_store() = default;
+    ts_store(const ts_store &) = delete;
+    ts_store & operator=(const ts_store &) = delete;
+
+    // Runs f on the bucket under its lock: null when it doesn't exist and `create` is false. With
+    // `create`, a missing bucket is made with `init` (key, table, start, size) first.
+    boost::system::error_code with_bucket(const chord::ring_id & id, bool create,
+                                          const std::function<void(ts_bucket &)> & init,
+                                          const std::function<boost::system::error_code(ts_bucket *)> & f);
+
+    // Drops every bucket whose key starts with `prefix`; returns how many.
+    std::size_t drop_prefix(std::string_view prefix);
+    // Drops the table's oldest buckets (by shard start) until those left hold at most `limit` bytes.
+    std::size_t expire_by_size(std::string_view prefix, std::uint64_t limit);
+
+    std::size_t bucket_count() const;
+
+    // A bucket node's copy of table schemas it asked the owner for, by alias.
+    std::shared_ptr<const ts_table_schema> cached_schema(std::string_view table) const;
+    void cache_schema(std::string_view table, std::shared_ptr<const ts_table_schema> schema);
+    void forget_schema(std::string_view table);
+
+private:
+    struct id_hash
+    {
+        std::size_t operator()(const chord::ring_id & id) const noexcept
+        {
+            return static_cast<std::size_t>(id.words[0] ^ id.words[1] ^ id.words[2] ^ id.words[3]);
+        }
+    };
+
+    struct shard
+    {
+        mutable std::mutex mutex;
+        boost::unordered_flat_map<chord::ring_id, std::unique_ptr<ts_bucket>, id_hash> buckets;
+    };
+
+    static constexpr std::size_t shard_count = 16;
+
+    std::array<shard, shard_count> _shards;
+    mutable std::mutex _schema_mutex;
+    boost::unordered_flat_map<std::string, std::shared_ptr<const ts_table_schema>> _schemas;
+};
+
+} // namespace zlk::node

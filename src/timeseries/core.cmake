@@ -1,0 +1,3 @@
+list(APPEND zlk_ts_sources
+    bucket.cpp
+    table_metadata.cpp)

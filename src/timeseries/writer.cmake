@@ -1,0 +1,1 @@
+list(APPEND zlk_ts_sources)

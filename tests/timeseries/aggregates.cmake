@@ -1,0 +1,1 @@
+# Tests of aggregation states, aggregate requests and their folding.

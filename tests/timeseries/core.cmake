@@ -1,0 +1,1 @@
+# Tests of table metadata, shard addressing, column requests and aggregates.

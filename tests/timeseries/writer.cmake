@@ -1,0 +1,1 @@
+# Tests of the batch writer, push modes and the local table.
