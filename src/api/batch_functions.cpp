@@ -7,6 +7,7 @@
 #include "api/retry_frame.hpp"
 #include "entries/batch.hpp"
 #include "entries/transaction.hpp"
+#include "log/logger.hpp"
 #include "zlk/batch.h"
 #include "zlk/transaction.h"
 
@@ -184,6 +185,72 @@ size_t zlk_run_batch(zlk_handle_t handle, zlk_operation_t * operations, size_t c
     return succeeded;
 }
 
+namespace
+{
+
+// The records of a transaction, one frame per node under the token's stamp. The first failed record (by
+// position) is the transaction's failure; the records after it stay skipped, even those that a node
+// already ran: the rollback undoes them. A record's slot is its position: every record was prepared.
+zlk_error_t send_transaction_records(zlk_session & h, client::transaction_state & state,
+                                     const client::transaction_token & token, zlk_operation_t * operations,
+                                     const std::vector<client::batch_item> & items,
+                                     const std::vector<zlk_operation_type_t> & types, size_t & failed_index)
+{
+    std::vector<client::node_group> groups;
+    if (ZLK_FAILURE(client::group_batch(h.cluster, items, groups, token.stamp)))
+    {
+        zlk::log::log(zlk::log::level::error,
+                      "could not find successor for {} while sending a transactional request",
+                      items.front().key);
+        return zlk_e_unstable_cluster;
+    }
+    std::vector<client::batch_result> results(types.size());
+    std::size_t failed = items.size();
+    zlk_error_t result = zlk_e_ok;
+    std::vector<std::size_t> slots;
+    for (client::node_group & g : groups)
+    {
+        // Sending consumes the group's records.
+        slots.clear();
+        for (const client::request_record & r : g.records)
+        {
+            state.touch(items[r.slot].key);
+            slots.push_back(r.slot);
+        }
+        std::vector<client::node_group> one{std::move(g)};
+        const zlk_error_t sent = client::run_batch_groups(h.cluster, one, results, types);
+        for (const std::size_t slot : slots)
+        {
+            if (ZLK_FAILURE(results[slot].status) && slot < failed)
+            {
+                failed = slot;
+            }
+        }
+        if (ZLK_FAILURE(sent) && failed == items.size())
+        {
+            failed = slots.front();
+            results[failed].status = sent;
+        }
+        if (failed != items.size())
+        {
+            break;
+        }
+    }
+    const std::size_t written = failed == items.size() ? items.size() : failed + 1;
+    for (std::size_t i = 0; i < written; ++i)
+    {
+        write_back(h, operations[i], results[i]);
+    }
+    if (failed != items.size())
+    {
+        failed_index = failed;
+        result = results[failed].status;
+    }
+    return result;
+}
+
+} // namespace
+
 zlk_error_t zlk_run_transaction(zlk_handle_t handle, zlk_operation_t * operations, size_t count,
                                 size_t * failed_index) noexcept
 {
@@ -232,33 +299,8 @@ zlk_error_t zlk_run_transaction(zlk_handle_t handle, zlk_operation_t * operation
                                     return built;
                                 }
                                 client::transaction_state state(h.cluster, token);
-                                std::vector<client::batch_result> results(count);
-                                zlk_error_t result = zlk_e_ok;
-                                for (const client::batch_item & item : items)
-                                {
-                                    zlk::chord::owner_reply reply;
-                                    auto body = [&item] { return item.body; };
-                                    const zlk_error_t r =
-                                        state.send(item.key, item.required_access,
-                                                   client::kind_has_content(types[item.index]), body, reply);
-                                    client::batch_result & out = results[item.index];
-                                    if (const zlk::chord::chord_carrier_reply * rep = reply.reply())
-                                    {
-                                        client::read_batch_reply(types[item.index], rep->result, out);
-                                    }
-                                    else
-                                    {
-                                        out.status = r;
-                                    }
-                                    write_back(h, operations[item.index], out);
-                                    if (ZLK_FAILURE(r))
-                                    {
-                                        *failed_index = item.index;
-                                        result = r;
-                                        break;
-                                    }
-                                }
-                                return state.end(result);
+                                return state.end(send_transaction_records(h, state, token, operations, items,
+                                                                          types, *failed_index));
                             });
                     });
 }

@@ -180,7 +180,7 @@ void shuffle_groups(std::vector<node_group> & groups, std::atomic<std::uint64_t>
 }
 
 zlk_error_t group_batch(chord::cluster & c, const std::vector<batch_item> & items,
-                        std::vector<node_group> & groups)
+                        std::vector<node_group> & groups, const zlk::uuid & transaction)
 {
     groups.clear();
     for (std::size_t i = 0; i < items.size(); ++i)
@@ -200,7 +200,7 @@ zlk_error_t group_batch(chord::cluster & c, const std::vector<batch_item> & item
             at = groups.insert(at, node_group{owner, {}});
         }
         request_record r;
-        r.request = chord::make_carrier(item.key, i, item.required_access, item.body);
+        r.request = chord::make_carrier(item.key, i, item.required_access, item.body, transaction);
         r.slot = item.index;
         at->records.push_back(std::move(r));
     }

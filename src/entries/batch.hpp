@@ -45,10 +45,11 @@ zlk_error_t prepare_batch_record(const zlk_operation_t & op, std::size_t index, 
 // Whether the kind hands content back (blob get, compare and swap, get and update).
 bool kind_has_content(zlk_operation_type_t type) noexcept;
 
-// The node groups of the prepared items, shuffled by the generator when there are several; client ids
-// are the items' positions. zlk_e_unstable_cluster when a key has no owner in the map.
+// The node groups of the prepared items, in the order of the nodes' ids; client ids are the items'
+// positions, and every carrier holds `transaction` (zero outside one). zlk_e_unstable_cluster when a key
+// has no owner in the map.
 zlk_error_t group_batch(chord::cluster & c, const std::vector<batch_item> & items,
-                        std::vector<node_group> & groups);
+                        std::vector<node_group> & groups, const zlk::uuid & transaction = {});
 
 // The order of n groups: a Fisher-Yates walk driven by s = s * 214013 + 2531011, rejecting draws beyond
 // the needed power-of-two mask.
