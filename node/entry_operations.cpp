@@ -4,6 +4,7 @@
 #include <cstring>
 
 #include "api/error_categories.hpp"
+#include "node/listing_operations.hpp"
 #include "wire/content_compression.hpp"
 #include "wire/marshal.hpp"
 #include "wire/operations.hpp"
@@ -196,6 +197,7 @@ public:
                     v.entry.emplace();
                 }
                 v.entry->type = entry_type::blob;
+                v.entry->alias = stored_alias(alias);
                 v.entry->content.assign(content.begin(), content.end());
                 apply_expiry(*v.entry, expiry);
                 v.changed = true;
@@ -241,6 +243,7 @@ public:
                     v.entry.emplace();
                 }
                 v.entry->type = entry_type::integer;
+                v.entry->alias = stored_alias(alias);
                 v.entry->set_integer(value);
                 apply_expiry(*v.entry, expiry);
                 v.changed = true;
@@ -513,6 +516,8 @@ public:
         }
     }
 
+    const std::shared_ptr<entry_store> & store() const noexcept { return _store; }
+
 private:
     static error_code read_all(ser::cursor & c, std::uint64_t & offset, std::uint64_t & length,
                                std::uint8_t & kind) noexcept
@@ -599,6 +604,8 @@ void add_entry_operations(operation_registry & registry, std::shared_ptr<entry_s
     registry.add(
         number(operation::transaction_state),
         [h](operation_context & c, protocol::result & r) { h->transaction_state(c, r); }, waits);
+    add_listing_operations(registry, h->store());
+    add_tag_operations(registry, h->store());
 }
 
 } // namespace zlk::node

@@ -2,6 +2,8 @@
 
 #include <cstring>
 
+#include "wire/node_info.hpp"
+
 #include "api/error_categories.hpp"
 
 namespace zlk::node
@@ -59,6 +61,11 @@ entry_store::shard & entry_store::shard_of(const chord::ring_id & key) noexcept
     return _shards[key_hash{}(key) % shard_count];
 }
 
+const entry_store::shard & entry_store::shard_of(const chord::ring_id & key) const noexcept
+{
+    return _shards[key_hash{}(key) % shard_count];
+}
+
 bool entry_store::expired(const stored_entry & e, const timespec & now) const noexcept
 {
     const bool never = e.expiry.tv_sec == 0 && e.expiry.tv_nsec == 0;
@@ -91,6 +98,7 @@ error_code entry_store::apply(const chord::ring_id & key, const zlk::uuid & stam
     if (sl.committed && expired(*sl.committed, now))
     {
         sl.committed.reset();
+        reindex(key, sl.committed);
     }
 
     view v;
@@ -124,6 +132,7 @@ error_code entry_store::apply(const chord::ring_id & key, const zlk::uuid & stam
         else
         {
             sl.committed = std::move(v.entry);
+            reindex(key, sl.committed);
         }
     }
     if (!sl.committed && !sl.pending)
@@ -158,6 +167,7 @@ error_code entry_store::set_transaction_state(const chord::ring_id & key, const 
     case transaction_step::commit_single:
         sl.committed = std::move(sl.pending->value);
         sl.pending.reset();
+        reindex(key, sl.committed);
         break;
     case transaction_step::rollback:
         sl.pending.reset();
@@ -185,6 +195,172 @@ std::size_t entry_store::size() const
         }
     }
     return n;
+}
+
+void entry_store::reindex(const chord::ring_id & key, const std::optional<stored_entry> & committed)
+{
+    std::lock_guard lock{_index_mutex};
+    if (!committed)
+    {
+        _index.erase(key);
+        return;
+    }
+    index_record & r = _index[key];
+    r.alias = committed->alias;
+    r.type = committed->type;
+    r.listed_type = static_cast<std::uint8_t>(committed->type);
+    if (committed->type == kernel::entry_type::tag_link && !committed->content.empty())
+    {
+        r.listed_type = committed->content.front();
+    }
+    r.expiry = committed->expiry;
+}
+
+void entry_store::visit(const key_arc & arc, const std::function<bool(const summary &)> & f) const
+{
+    const timespec now = _now();
+    std::lock_guard lock{_index_mutex};
+    auto visit_range = [&](auto first, auto last)
+    {
+        for (auto it = first; it != last; ++it)
+        {
+            const index_record & r = it->second;
+            const bool never = r.expiry.tv_sec == 0 && r.expiry.tv_nsec == 0;
+            if (!never && before_or_at(r.expiry, now))
+            {
+                continue;
+            }
+            if (!f(summary{it->first, r.alias, r.type, r.listed_type}))
+            {
+                return false;
+            }
+        }
+        return true;
+    };
+    const auto after_predecessor = _index.upper_bound(arc.predecessor);
+    if (arc.predecessor < arc.self)
+    {
+        visit_range(after_predecessor, _index.upper_bound(arc.self));
+        return;
+    }
+    // The arc goes round through zero (or is the whole ring): its top part first.
+    if (visit_range(after_predecessor, _index.end()))
+    {
+        visit_range(_index.begin(), _index.upper_bound(arc.self));
+    }
+}
+
+bool entry_store::read_committed(const chord::ring_id & key, const timespec & now, stored_entry & out) const
+{
+    const shard & s = shard_of(key);
+    std::lock_guard lock{s.mutex};
+    const auto it = s.slots.find(key);
+    if (it == s.slots.end() || !it->second.committed || expired(*it->second.committed, now))
+    {
+        return false;
+    }
+    out = *it->second.committed;
+    return true;
+}
+
+void entry_store::visit_entries(
+    const key_arc & arc, const std::function<bool(const chord::ring_id &, const stored_entry &)> & f) const
+{
+    // The keys first, so that no shard lock is taken under the index lock.
+    std::vector<chord::ring_id> keys;
+    visit(arc,
+          [&](const summary & s)
+          {
+              keys.push_back(s.key);
+              return true;
+          });
+    const timespec now = _now();
+    stored_entry e;
+    for (const chord::ring_id & key : keys)
+    {
+        if (read_committed(key, now, e) && !f(key, e))
+        {
+            return;
+        }
+    }
+}
+
+std::optional<chord::ring_id> entry_store::neighbour(const key_arc & arc, const chord::ring_id & from,
+                                                     bool started, bool backward) const
+{
+    if (_index.empty())
+    {
+        return std::nullopt;
+    }
+    if (!backward)
+    {
+        // Circularly after `from` (the predecessor id when not started yet), up to the arc's end.
+        if (started && from == arc.self)
+        {
+            return std::nullopt;
+        }
+        const chord::ring_id & start = started ? from : arc.predecessor;
+        auto it = _index.upper_bound(start);
+        if (it == _index.end())
+        {
+            it = _index.begin();
+        }
+        if (started && it->first == from)
+        {
+            return std::nullopt;
+        }
+        if (!chord::arc_contains(start, arc.self, it->first))
+        {
+            return std::nullopt;
+        }
+        return it->first;
+    }
+    // Circularly before `from` (at or before the arc's end when not started yet), down to its start.
+    auto it = started ? _index.lower_bound(from) : _index.upper_bound(arc.self);
+    if (it == _index.begin())
+    {
+        it = _index.end();
+    }
+    --it;
+    if (started && it->first == from)
+    {
+        return std::nullopt;
+    }
+    const chord::ring_id & end = started ? from : arc.self;
+    if (!chord::arc_contains(arc.predecessor, end, it->first))
+    {
+        return std::nullopt;
+    }
+    return it->first;
+}
+
+bool entry_store::step(const key_arc & arc, const chord::ring_id & from, bool backward, chord::ring_id & key,
+                       stored_entry & out) const
+{
+    const timespec now = _now();
+    bool started = from != arc.predecessor && chord::arc_contains(arc.predecessor, arc.self, from);
+    chord::ring_id at = from;
+    // Bounded by the index: each round moves one key further, and an entry that vanished since is
+    // stepped over.
+    for (;;)
+    {
+        std::optional<chord::ring_id> next;
+        {
+            std::lock_guard lock{_index_mutex};
+            next = neighbour(arc, at, started, backward);
+        }
+        if (!next)
+        {
+            return false;
+        }
+        if (read_committed(*next, now, out))
+        {
+            key = *next;
+            return true;
+        }
+        at = *next;
+        started = true;
+    }
 }
 
 } // namespace zlk::node

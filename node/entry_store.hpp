@@ -4,6 +4,10 @@
 // Sharded by key, one mutex per shard: requests on different keys seldom meet. Every operation runs
 // whole under its shard's lock, so a read-modify-write (integer add, compare and swap) is atomic.
 //
+// Each committed entry is also kept in an ordered index by key, with its alias and type, so that a
+// node can list, count and walk what it holds in one stable order: ring order, from the first key after
+// a given predecessor id. The index has a lock of its own, always taken after a shard's.
+//
 // Transactions: a write carrying a transaction stamp goes to the key's staged slot and stays invisible
 // to everyone else until the stamp's commit. While another stamp holds the key, a write (or a
 // transactional read) answers a conflict; a plain read sees the committed entry.
@@ -16,9 +20,12 @@
 #include <cstddef>
 #include <cstdint>
 #include <functional>
+#include <map>
 #include <mutex>
 #include <optional>
 #include <span>
+#include <string>
+#include <string_view>
 #include <unordered_map>
 #include <vector>
 
@@ -33,6 +40,9 @@ namespace zlk::node
 struct stored_entry
 {
     kernel::entry_type type = kernel::entry_type::blob;
+    // The entry's name, without the terminating zero the wire carries. Empty when the write that made
+    // the entry didn't carry it; such an entry is walked but never listed.
+    std::string alias;
     // A blob's bytes as the client sent them (maybe compressed); an integer's 8-byte value.
     std::vector<std::uint8_t> content;
     // All zero: never expires.
@@ -43,6 +53,12 @@ struct stored_entry
     std::int64_t integer() const noexcept;
     void set_integer(std::int64_t v);
 };
+
+// An alias as the store keeps it: the wire's form without its terminating zero.
+inline std::string_view stored_alias(std::string_view wire) noexcept
+{
+    return !wire.empty() && wire.back() == '\0' ? wire.substr(0, wire.size() - 1) : wire;
+}
 
 // The transaction states a client asks for (transaction_state operation).
 enum class transaction_step : std::uint8_t
@@ -98,6 +114,37 @@ public:
     // Committed live entries, for tests and the status record.
     std::size_t size() const;
 
+    // The keys of (predecessor, self], round through zero; equal ids stand for the whole ring.
+    struct key_arc
+    {
+        chord::ring_id predecessor;
+        chord::ring_id self;
+    };
+
+    // What a listing sees of an entry. `listed_type` is the entry's type, except for a tag link, which
+    // stands for the tagged entry and so gives that entry's type (the first byte of its content).
+    struct summary
+    {
+        const chord::ring_id & key;
+        std::string_view alias;
+        kernel::entry_type type;
+        std::uint8_t listed_type;
+    };
+
+    // Calls f for each committed live entry of the arc, in ring order from the arc's first key, until f
+    // returns false. f runs under the index lock and must not call the store.
+    void visit(const key_arc & arc, const std::function<bool(const summary &)> & f) const;
+
+    // The same walk with each entry whole, read under its shard's lock (content included).
+    void visit_entries(const key_arc & arc,
+                       const std::function<bool(const chord::ring_id &, const stored_entry &)> & f) const;
+
+    // The committed live entry after `from` in the arc's order (backward: before it), into key and out.
+    // A `from` outside the arc, or equal to its predecessor id, starts from the arc's first (backward:
+    // last) entry. False when there is none.
+    bool step(const key_arc & arc, const chord::ring_id & from, bool backward, chord::ring_id & key,
+              stored_entry & out) const;
+
 private:
     struct staged
     {
@@ -130,13 +177,32 @@ private:
 
     static constexpr std::size_t shard_count = 16;
 
+    struct index_record
+    {
+        std::string alias;
+        kernel::entry_type type = kernel::entry_type::blob;
+        std::uint8_t listed_type = 0;
+        timespec expiry;
+    };
+
     shard & shard_of(const chord::ring_id & key) noexcept;
+    const shard & shard_of(const chord::ring_id & key) const noexcept;
+    // Brings the index in line with the key's committed entry. Called under the key's shard lock.
+    void reindex(const chord::ring_id & key, const std::optional<stored_entry> & committed);
+    // The key circularly next to (backward: before) `from` among the indexed ones, if it falls in the
+    // arc's part that the walk may still reach. Under the index lock.
+    std::optional<chord::ring_id> neighbour(const key_arc & arc, const chord::ring_id & from, bool started,
+                                            bool backward) const;
+    // The committed live entry of the key, copied.
+    bool read_committed(const chord::ring_id & key, const timespec & now, stored_entry & out) const;
     bool expired(const stored_entry & e, const timespec & now) const noexcept;
     bool abandoned(const staged & p, const timespec & now) const noexcept;
 
     entry_store_limits _limits;
     clock _now;
     std::array<shard, shard_count> _shards;
+    mutable std::mutex _index_mutex;
+    std::map<chord::ring_id, index_record> _index;
 };
 
 } // namespace zlk::node

@@ -25,6 +25,11 @@ ZLK_API zlk_error_t zlk_direct_blob_get(zlk_direct_handle_t direct, const char *
 ZLK_API zlk_error_t zlk_direct_int_get(zlk_direct_handle_t direct, const char * alias,
                                        int64_t * value) ZLK_NOEXCEPT;
 
+/* As zlk_prefix_get, over what this node holds; the list is given back with
+ * zlk_release(parent handle, *aliases). */
+ZLK_API zlk_error_t zlk_direct_prefix_get(zlk_direct_handle_t direct, const char * prefix, int64_t max_count,
+                                          const char *** aliases, size_t * alias_count) ZLK_NOEXCEPT;
+
 /* Not implemented: always zlk_e_not_implemented. */
 ZLK_API zlk_error_t zlk_direct_blob_put(zlk_direct_handle_t direct, const char * alias, const void * content,
                                         size_t content_length, zlk_time_t expiry_time) ZLK_NOEXCEPT;

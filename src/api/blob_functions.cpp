@@ -46,6 +46,13 @@ zlk_error_t write_blob(zlk_handle_t handle, const char * name, operation op, con
                     });
 }
 
+// A removed blob's tag links go in the removal's transaction.
+zlk_error_t remove_blob_links(zlk_session & h, client::transaction_state & state, const char * alias)
+{
+    return zlk::api::remove_entry_links(h, state, alias,
+                                        static_cast<std::uint64_t>(zlk::kernel::entry_type::blob));
+}
+
 } // namespace
 
 zlk_error_t zlk_blob_put(zlk_handle_t handle, const char * alias, const void * content, size_t content_length,
@@ -166,58 +173,64 @@ zlk_error_t zlk_blob_get_and_update(zlk_handle_t handle, const char * alias, con
 zlk_error_t zlk_blob_get_and_remove(zlk_handle_t handle, const char * alias, const void ** content,
                                     size_t * content_length) noexcept
 {
-    return api_call(handle, "zlk_blob_get_and_remove",
-                    [&]() -> zlk_error_t
-                    {
-                        if (!content || !content_length)
-                        {
-                            throw zlk_e_invalid_argument;
-                        }
-                        *content = nullptr;
-                        *content_length = 0;
-                        return zlk::api::run_with_retries(
-                            *handle,
-                            [&]() -> zlk_error_t
-                            {
-                                const auto entry = checked_entry(alias);
-                                auto body = []
-                                {
-                                    return client::typed_body(
-                                        operation::get_and_remove,
-                                        static_cast<std::uint8_t>(zlk::kernel::entry_type::blob));
-                                };
-                                zlk::chord::owner_reply reply;
-                                const zlk_error_t r =
-                                    zlk::api::remove_in_transaction(*handle, entry.key, 0, true, body, reply);
-                                if (ZLK_SUCCESS(r))
-                                {
-                                    zlk::api::hand_out_content(*handle, reply, content, content_length);
-                                }
-                                return r;
-                            });
-                    });
-}
-
-zlk_error_t zlk_blob_remove_if(zlk_handle_t handle, const char * alias, const void * comparand,
-                               size_t comparand_length) noexcept
-{
     return api_call(
-        handle, "zlk_blob_remove_if",
+        handle, "zlk_blob_get_and_remove",
         [&]() -> zlk_error_t
         {
+            if (!content || !content_length)
+            {
+                throw zlk_e_invalid_argument;
+            }
+            *content = nullptr;
+            *content_length = 0;
             return zlk::api::run_with_retries(
                 *handle,
                 [&]() -> zlk_error_t
                 {
                     const auto entry = checked_entry(alias);
-                    zlk::api::check_content(comparand, comparand_length, "comparand");
-                    const client::outgoing_content out =
-                        client::prepare_content(comparand, comparand_length, compression_enabled(*handle));
-                    auto body = [&] { return client::remove_if_body(out.bytes); };
+                    auto body = []
+                    {
+                        return client::typed_body(operation::get_and_remove,
+                                                  static_cast<std::uint8_t>(zlk::kernel::entry_type::blob));
+                    };
+                    auto follow_up =
+                        [&](zlk::client::transaction_state & state, const zlk::chord::owner_reply &)
+                    { return remove_blob_links(*handle, state, alias); };
                     zlk::chord::owner_reply reply;
-                    return zlk::api::remove_in_transaction(*handle, entry.key, 0, false, body, reply);
+                    const zlk_error_t r =
+                        zlk::api::remove_in_transaction(*handle, entry.key, 0, true, body, reply, follow_up);
+                    if (ZLK_SUCCESS(r))
+                    {
+                        zlk::api::hand_out_content(*handle, reply, content, content_length);
+                    }
+                    return r;
                 });
         });
+}
+
+zlk_error_t zlk_blob_remove_if(zlk_handle_t handle, const char * alias, const void * comparand,
+                               size_t comparand_length) noexcept
+{
+    return api_call(handle, "zlk_blob_remove_if",
+                    [&]() -> zlk_error_t
+                    {
+                        return zlk::api::run_with_retries(
+                            *handle,
+                            [&]() -> zlk_error_t
+                            {
+                                const auto entry = checked_entry(alias);
+                                zlk::api::check_content(comparand, comparand_length, "comparand");
+                                const client::outgoing_content out = client::prepare_content(
+                                    comparand, comparand_length, compression_enabled(*handle));
+                                auto body = [&] { return client::remove_if_body(out.bytes); };
+                                auto follow_up = [&](zlk::client::transaction_state & state,
+                                                     const zlk::chord::owner_reply &)
+                                { return remove_blob_links(*handle, state, alias); };
+                                zlk::chord::owner_reply reply;
+                                return zlk::api::remove_in_transaction(*handle, entry.key, 0, false, body,
+                                                                       reply, follow_up);
+                            });
+                    });
 }
 
 zlk_error_t zlk_blob_compare_and_swap(zlk_handle_t handle, const char * alias, const void * new_content,

@@ -1,6 +1,8 @@
 // zlk_direct_*: reads of what one node itself holds, over a connection of the broker's "sync" side for
 // that node's address, without the ring's routing.
 #include <memory>
+#include <string>
+#include <vector>
 
 #include "api/call_frame.hpp"
 #include "api/entry_support.hpp"
@@ -48,6 +50,9 @@ zlk::protocol::operation_body direct_get_body(zlk::kernel::entry_type kind) noex
                                                });
 }
 
+zlk_error_t direct_request(zlk_direct_session & d, const zlk::chord::ring_id & key,
+                           const zlk::protocol::operation_body & body, zlk::chord::owner_reply & out);
+
 // The node's reading of the key: its own error translated with the remote origin; a refusal likewise.
 zlk_error_t direct_get(zlk_direct_session & d, const char * alias, zlk::kernel::entry_type kind,
                        zlk::chord::owner_reply & out)
@@ -58,7 +63,13 @@ zlk_error_t direct_get(zlk_direct_session & d, const char * alias, zlk::kernel::
     {
         return zlk::make_error_from_code(body.error, zlk::local_origin);
     }
-    const zlk::protocol::message request{zlk::chord::make_carrier(entry.key, 0, any_node_access, body)};
+    return direct_request(d, entry.key, body, out);
+}
+
+zlk_error_t direct_request(zlk_direct_session & d, const zlk::chord::ring_id & key,
+                           const zlk::protocol::operation_body & body, zlk::chord::owner_reply & out)
+{
+    const zlk::protocol::message request{zlk::chord::make_carrier(key, 0, any_node_access, body)};
     const boost::system::error_code ec = zlk::network::client::request_sync(
         d.parent->cluster.broker().sync_side(), d.node, direct_context, request, out.frame);
     if (ec)
@@ -164,6 +175,54 @@ zlk_error_t zlk_direct_int_get(zlk_direct_handle_t direct, const char * alias, i
                                     *value = static_cast<int64_t>(reply.reply()->result.value);
                                 }
                                 return r;
+                            });
+                    });
+}
+
+zlk_error_t zlk_direct_prefix_get(zlk_direct_handle_t direct, const char * prefix, int64_t max_count,
+                                  const char *** aliases, size_t * alias_count) noexcept
+{
+    zlk_session * h = parent_of(direct);
+    return api_call(h, "zlk_direct_prefix_get",
+                    [&]() -> zlk_error_t
+                    {
+                        const auto checked = zlk::api::check_prefix(prefix, "prefix");
+                        if (!aliases || !alias_count)
+                        {
+                            throw zlk_e_invalid_argument;
+                        }
+                        *aliases = nullptr;
+                        *alias_count = 0;
+                        if (max_count <= 0)
+                        {
+                            return zlk_e_ok;
+                        }
+                        const std::string_view affix(checked.data, checked.length);
+                        return zlk::api::run_with_retries(
+                            *h,
+                            [&]() -> zlk_error_t
+                            {
+                                const auto body = zlk::client::direct_prefix_body(
+                                    affix, 0, static_cast<std::uint64_t>(max_count));
+                                if (body.error)
+                                {
+                                    return zlk::make_error_from_code(body.error, zlk::local_origin);
+                                }
+                                zlk::chord::owner_reply out;
+                                const zlk_error_t r =
+                                    direct_request(*direct, zlk::chord::ring_id{}, body, out);
+                                if (ZLK_FAILURE(r))
+                                {
+                                    return r;
+                                }
+                                std::vector<std::string> found;
+                                const zlk_error_t decoded = zlk::client::decode_alias_list(
+                                    out.reply()->result.content_view(), false, found, nullptr);
+                                if (ZLK_SUCCESS(decoded))
+                                {
+                                    zlk::api::hand_out_alias_list(*h, found, aliases, alias_count);
+                                }
+                                return decoded;
                             });
                     });
 }

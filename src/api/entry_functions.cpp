@@ -27,8 +27,8 @@ zlk_error_t clean_up_after_removal(std::uint64_t kernel_type) noexcept
     case 17:
         return zlk_e_not_implemented;
     default:
-        // Tags (5) and tables (18) take their links and columns with them once those kinds are served;
-        // other kinds up to 50 own nothing else.
+        // A tag's links went with the entry's own; a table's buckets are dropped by the nodes
+        // themselves; other kinds up to 50 own nothing else.
         return kernel_type > 50 ? zlk_e_internal_local : zlk_e_ok;
     }
 }
@@ -79,9 +79,12 @@ zlk_error_t zlk_remove(zlk_handle_t handle, const char * alias) noexcept
         {
             const auto entry = checked_entry(alias);
             auto body = [] { return client::typed_body(operation::remove, zlk::kernel::any_entry_type); };
-            // Tag links (listed by the suffix of the alias) join this follow-up once tags are served.
-            auto follow_up = [](client::transaction_state &, const zlk::chord::owner_reply & removed)
-            { return removed.reply() ? clean_up_after_removal(removed.reply()->result.value) : zlk_e_ok; };
+            auto follow_up = [&](client::transaction_state & state, const zlk::chord::owner_reply & removed)
+            {
+                const std::uint64_t type = removed.reply() ? removed.reply()->result.value : 0;
+                const zlk_error_t links = zlk::api::remove_entry_links(*handle, state, alias, type);
+                return ZLK_FAILURE(links) ? links : clean_up_after_removal(type);
+            };
             zlk::chord::owner_reply reply;
             return zlk::api::remove_in_transaction(*handle, entry.key, 0, false, body, reply, follow_up);
         });

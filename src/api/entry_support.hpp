@@ -3,10 +3,14 @@
 #pragma once
 
 #include <cstddef>
+#include <string>
+#include <string_view>
+#include <vector>
 
 #include "api/argument_checks.hpp"
 #include "api/handle.hpp"
 #include "entries/entry_requests.hpp"
+#include "entries/listing_requests.hpp"
 #include "entries/transaction.hpp"
 #include "ring/alias_hash.hpp"
 #include "ring/routing.hpp"
@@ -54,5 +58,33 @@ zlk_error_t no_follow_up(client::transaction_state &, const chord::owner_reply &
 zlk_error_t remove_in_transaction(zlk_session & h, const chord::ring_id & key, std::uint16_t access,
                                   bool has_content, client::body_builder body, chord::owner_reply & reply,
                                   removal_follow_up follow_up = no_follow_up);
+
+// The removal follow-up of an entry of any kind: its tag links go (listed by the suffix of its alias),
+// a tag's links go with it, then what the kind owns is cleaned up.
+zlk_error_t remove_entry_links(zlk_session & h, client::transaction_state & state, std::string_view alias,
+                               std::uint64_t kernel_type);
+
+// Listings over the whole ring, node after node from the ring's first node, each node asked in chunks;
+// a chunk that fails ends the walk with its error ("could not fetch chunk {}: {}"). max_count 0: no
+// limit. Aliases are appended in the order the nodes give them.
+zlk_error_t list_affix(zlk_session & h, std::string_view affix, client::affix_kind kind,
+                       std::uint64_t max_count, std::vector<std::string> & aliases,
+                       std::vector<std::uint8_t> * types = nullptr);
+zlk_error_t count_affix(zlk_session & h, std::string_view affix, client::affix_kind kind,
+                        std::uint64_t & count);
+zlk_error_t scan_ring(zlk_session & h, std::span<const std::uint8_t> pattern, client::scan_kind kind,
+                      std::uint64_t max_count, std::vector<std::string> & aliases);
+
+// One request to one node, named by the caller rather than by routing; `read` takes the carrier reply
+// when the node answered without error.
+using node_reply_reader = client::function_ref<zlk_error_t(const chord::chord_carrier_reply &)>;
+zlk_error_t request_node(zlk_session & h, const chord::node_info & node, const chord::ring_id & key,
+                         std::uint16_t access, bool has_content, client::body_builder body,
+                         node_reply_reader read);
+
+// Gives a list to the caller as one tracked block, "alias list": the pointer array, then the texts.
+// An empty list gives null and 0.
+void hand_out_alias_list(zlk_session & h, const std::vector<std::string> & aliases, const char *** out,
+                         std::size_t * count);
 
 } // namespace zlk::api
