@@ -47,6 +47,8 @@ Every node:
   --server-sessions N       open connections at most per node (default 512)
   --working-dir DIR         directory whose file system the status record reports (default .)
   --peer-timeout MS         how long a node waits on another, in milliseconds (default 5000)
+  --ts-write-queue N        shard writes in progress beyond which an asynchronous one is refused
+                            with "try again" (default 64)
 
 Process:
   --log-level LEVEL         detailed, debug, info, warning, error or panic (default info); the log
@@ -113,7 +115,7 @@ bool takes_value(std::string_view flag) noexcept
     constexpr std::string_view flags[] = {
         "--listen",       "--advertise",       "--node-id", "--peer",          "--cluster",     "--base-port",
         "--host",         "--replication",     "--threads", "--max-in-buffer", "--working-dir", "--log-level",
-        "--peer-timeout", "--server-sessions", "--member",
+        "--peer-timeout", "--server-sessions", "--member", "--ts-write-queue",
     };
     for (std::string_view f : flags)
     {
@@ -311,6 +313,14 @@ command_line_outcome parse_command_line(std::span<const std::string_view> args)
                 {
                     return fail(
                         fmt::format("--max-in-buffer: \"{}\" is not a size of at least 1024 bytes", text));
+                }
+            }
+            else if (flag == "--ts-write-queue")
+            {
+                if (!read_number<unsigned>(text, 1, 1000000, base.ts_write_queue))
+                {
+                    return fail(
+                        fmt::format("--ts-write-queue: \"{}\" is not a count from 1 to 1000000", text));
                 }
             }
             else if (flag == "--server-sessions")

@@ -5,8 +5,10 @@
 
 #include <boost/system/error_code.hpp>
 
+#include <atomic>
 #include <chrono>
 #include <cstdint>
+#include <memory>
 #include <set>
 
 namespace zlk::node
@@ -33,6 +35,9 @@ struct fault_settings
     // the operation would have given (in groups too).
     std::set<std::uint16_t> failing_operations{};
     boost::system::error_code operation_error{};
+    // While the count (shared with whoever set it) is above zero, each shard write (128, 129, 135) from
+    // a client takes one off and answers "try again" (EAGAIN) without writing.
+    std::shared_ptr<std::atomic<std::uint32_t>> busy_shard_writes{};
     // Non-zero: every reply frame carries this protocol version instead of ours.
     std::uint16_t reply_version = 0;
 

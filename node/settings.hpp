@@ -46,6 +46,8 @@ struct node_settings
     unsigned server_sessions = 512;
     // Where the disk readings of the status record are taken.
     std::string working_directory = ".";
+    // Shard writes in progress beyond which an asynchronous one (ts_batch_push_async) answers "try again".
+    unsigned ts_write_queue = 64;
     // How long a node waits on another (replicas) before it gives up.
     std::chrono::milliseconds peer_timeout{5000};
     // Reported in the configuration document; the logger itself belongs to the process.

@@ -1,1 +1,3 @@
-list(APPEND zlk_ts_sources)
+list(APPEND zlk_ts_sources
+    aggregate_requests.cpp
+    aggregation_state.cpp)

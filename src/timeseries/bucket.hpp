@@ -40,6 +40,8 @@ std::string bucket_prefix(const chord::ring_id & table);
 chord::ring_id table_of_bucket_key(std::string_view key) noexcept;
 
 // The starts of the buckets a range touches, in order, for a positive shard size.
+// bucket_count_of says how many without making the list, so that a caller can refuse a silly range.
+std::uint64_t bucket_count_of(const timespec & begin, const timespec & end, std::int64_t shard_size) noexcept;
 std::vector<std::int64_t> buckets_of(const timespec & begin, const timespec & end, std::int64_t shard_size);
 
 // "{}.{}" and "[{}, {})".

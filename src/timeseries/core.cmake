@@ -1,3 +1,6 @@
 list(APPEND zlk_ts_sources
     bucket.cpp
-    table_metadata.cpp)
+    column_requests.cpp
+    table_metadata.cpp
+    table_requests.cpp
+    ts_messages.cpp)

@@ -165,7 +165,7 @@ TEST_F(processor_test, unknown_unimplemented_and_failing_operations_get_carrier_
     auto empty_body = carrier(0);
     empty_body.body = {};
     EXPECT_EQ(error_of(empty_body), make_error_code(kernel::error::unknown_message));
-    EXPECT_EQ(error_of(carrier(static_cast<std::uint16_t>(protocol::operation::ts_create))),
+    EXPECT_EQ(error_of(carrier(static_cast<std::uint16_t>(protocol::operation::ts_evaluate_expression))),
               make_error_code(kernel::error::not_implemented));
     EXPECT_EQ(error_of(carrier(test_operation + 1)), make_error_code(kernel::error::internal_error));
 

@@ -1,0 +1,191 @@
+// The store's ordered view: ring order within an arc, walks that start at the arc's edge, and only
+// committed live entries.
+#include <gtest/gtest.h>
+
+#include <atomic>
+#include <string>
+#include <thread>
+#include <vector>
+
+#include "node/entry_store.hpp"
+
+namespace zlk::node
+{
+namespace
+{
+
+using boost::system::error_code;
+
+chord::ring_id id(std::uint64_t top)
+{
+    return chord::ring_id{{0, 0, 0, top}};
+}
+
+struct index_fixture : ::testing::Test
+{
+    timespec now{1000, 0};
+    entry_store store{entry_store_limits{}, [this] { return now; }};
+
+    void write(std::uint64_t top, const std::string & alias, const zlk::uuid & stamp = {},
+               std::int64_t expiry = 0)
+    {
+        const error_code ec = store.apply(id(top), stamp, true,
+                                          [&](entry_store::view & v)
+                                          {
+                                              v.entry.emplace();
+                                              v.entry->alias = alias;
+                                              v.entry->content.assign(alias.begin(), alias.end());
+                                              v.entry->expiry = timespec{expiry, 0};
+                                              v.changed = true;
+                                              return error_code{};
+                                          });
+        ASSERT_FALSE(ec);
+    }
+
+    std::vector<std::string> listed(const entry_store::key_arc & arc)
+    {
+        std::vector<std::string> out;
+        store.visit(arc,
+                    [&](const entry_store::summary & s)
+                    {
+                        out.emplace_back(s.alias);
+                        return true;
+                    });
+        return out;
+    }
+
+    // The aliases of a step walk from the arc's edge, to its end.
+    std::vector<std::string> stepped(const entry_store::key_arc & arc, bool backward)
+    {
+        std::vector<std::string> out;
+        chord::ring_id at = arc.predecessor;
+        chord::ring_id key;
+        stored_entry e;
+        while (store.step(arc, at, backward, key, e))
+        {
+            out.push_back(e.alias);
+            at = key;
+            if (out.size() > 100)
+            {
+                break;
+            }
+        }
+        return out;
+    }
+};
+
+TEST_F(index_fixture, AnArcIsListedInRingOrderRoundThroughZero)
+{
+    for (const std::uint64_t top : {5u, 10u, 50u, 90u, 95u})
+    {
+        write(top, "k" + std::to_string(top));
+    }
+    // (80, 20]: the top of the ring first, then from zero.
+    const entry_store::key_arc wrapping{id(80), id(20)};
+    EXPECT_EQ(listed(wrapping), (std::vector<std::string>{"k90", "k95", "k5", "k10"}));
+    EXPECT_EQ(stepped(wrapping, false), (std::vector<std::string>{"k90", "k95", "k5", "k10"}));
+    EXPECT_EQ(stepped(wrapping, true), (std::vector<std::string>{"k10", "k5", "k95", "k90"}));
+
+    const entry_store::key_arc plain{id(10), id(90)};
+    EXPECT_EQ(listed(plain), (std::vector<std::string>{"k50", "k90"}));
+    EXPECT_EQ(stepped(plain, false), (std::vector<std::string>{"k50", "k90"}));
+    EXPECT_EQ(stepped(plain, true), (std::vector<std::string>{"k90", "k50"}));
+
+    // One node: the whole ring, from just after its own id.
+    const entry_store::key_arc whole{id(60), id(60)};
+    EXPECT_EQ(listed(whole), (std::vector<std::string>{"k90", "k95", "k5", "k10", "k50"}));
+    EXPECT_EQ(stepped(whole, false), (std::vector<std::string>{"k90", "k95", "k5", "k10", "k50"}));
+    EXPECT_EQ(stepped(whole, true), (std::vector<std::string>{"k50", "k10", "k5", "k95", "k90"}));
+}
+
+TEST_F(index_fixture, AStepFromOutsideTheArcStartsAtItsEdge)
+{
+    write(30, "a");
+    write(40, "b");
+    const entry_store::key_arc arc{id(20), id(60)};
+    chord::ring_id key;
+    stored_entry e;
+    ASSERT_TRUE(store.step(arc, id(99), false, key, e));
+    EXPECT_EQ(e.alias, "a");
+    ASSERT_TRUE(store.step(arc, id(99), true, key, e));
+    EXPECT_EQ(e.alias, "b");
+    EXPECT_FALSE(store.step(arc, id(40), false, key, e));
+    EXPECT_FALSE(store.step(arc, id(30), true, key, e));
+    EXPECT_FALSE(store.step(arc, id(60), false, key, e));
+    EXPECT_FALSE(store.step({id(60), id(20)}, id(60), false, key, e));
+}
+
+TEST_F(index_fixture, OnlyCommittedLiveEntriesAreSeen)
+{
+    zlk::uuid stamp;
+    stamp.time = timespec{5, 0};
+    stamp.number = 1;
+    write(10, "staged", stamp);
+    write(20, "expiring", {}, 1500);
+    write(30, "kept");
+    const entry_store::key_arc whole{id(0), id(0)};
+    EXPECT_EQ(listed(whole), (std::vector<std::string>{"expiring", "kept"}));
+    now = timespec{2000, 0};
+    EXPECT_EQ(listed(whole), (std::vector<std::string>{"kept"}));
+    EXPECT_EQ(stepped(whole, false), (std::vector<std::string>{"kept"}));
+
+    ASSERT_FALSE(store.set_transaction_state(id(10), stamp, transaction_step::commit_single));
+    EXPECT_EQ(listed(whole), (std::vector<std::string>{"staged", "kept"}));
+
+    // A removal leaves the index too.
+    ASSERT_FALSE(store.apply(id(30), {}, true,
+                             [](entry_store::view & v)
+                             {
+                                 v.entry.reset();
+                                 v.changed = true;
+                                 return error_code{};
+                             }));
+    EXPECT_EQ(listed(whole), (std::vector<std::string>{"staged"}));
+}
+
+TEST_F(index_fixture, WalksRunSafelyWhileOtherThreadsWriteAndRemove)
+{
+    const entry_store::key_arc whole{id(0), id(0)};
+    std::atomic<bool> done{false};
+    auto churn = [&](std::uint64_t first)
+    {
+        for (int round = 0; round < 200; ++round)
+        {
+            for (std::uint64_t top = first; top < first + 20; ++top)
+            {
+                write(top, "k" + std::to_string(top));
+                ASSERT_FALSE(store.apply(id(top), {}, true,
+                                         [&](entry_store::view & v)
+                                         {
+                                             v.entry.reset();
+                                             v.changed = round % 2 == 0 || top % 2 == 0;
+                                             return error_code{};
+                                         }));
+            }
+        }
+    };
+    std::thread a(churn, 1);
+    std::thread b(churn, 100);
+    std::size_t seen = 0;
+    std::thread reader(
+        [&]
+        {
+            while (!done.load())
+            {
+                seen += listed(whole).size();
+                seen += stepped(whole, false).size();
+                store.visit_entries(whole, [](const chord::ring_id &, const stored_entry & e)
+                                    { return !e.alias.empty(); });
+            }
+        });
+    a.join();
+    b.join();
+    done = true;
+    reader.join();
+    // Each thread's last round (odd) kept its odd keys.
+    EXPECT_EQ(listed(whole).size(), 20u);
+    EXPECT_EQ(stepped(whole, true).size(), 20u);
+}
+
+} // namespace
+} // namespace zlk::node
