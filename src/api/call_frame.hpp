@@ -88,7 +88,8 @@ zlk_error_t run_body(Body & body)
 
 } // namespace detail
 
-// The frame of an exported function that takes a handle.
+// The frame of an exported function that takes a handle. `name` is a string literal: the record of a
+// plain result keeps its address.
 template <typename Body>
 zlk_error_t api_call(zlk_session * h, std::string_view name, Body && body) noexcept
 {
@@ -101,7 +102,7 @@ zlk_error_t api_call(zlk_session * h, std::string_view name, Body && body) noexc
     try
     {
         const zlk_error_t result = detail::run_body(body);
-        write_last_error(*h, result, zlk_error(result));
+        record_result(*h, result);
         return result;
     }
     catch (...)

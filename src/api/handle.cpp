@@ -68,6 +68,8 @@ void write_last_error(zlk_session & h, zlk_error_t code, std::string_view text) 
     try
     {
         std::lock_guard lock{h.last_error_mutex};
+        const call_trace & trace = this_thread_trace();
+        h.plain_record_name.store(nullptr, std::memory_order_relaxed);
         h.last_error = code;
         std::string & stored = h.last_error_text;
         if (text.empty())
@@ -75,7 +77,6 @@ void write_last_error(zlk_session & h, zlk_error_t code, std::string_view text) 
             stored.clear();
             return;
         }
-        const call_trace & trace = this_thread_trace();
         if (trace.names.empty())
         {
             stored.assign(text);
@@ -98,6 +99,24 @@ void write_last_error(zlk_session & h, zlk_error_t code, std::string_view text) 
     {
         // Leave the record as far as it got.
     }
+}
+
+void settle_last_error(zlk_session & h)
+{
+    const char * name = h.plain_record_name.load(std::memory_order_acquire);
+    if (!name)
+    {
+        return;
+    }
+    const zlk_error_t code = h.plain_record_code.load(std::memory_order_relaxed);
+    h.last_error = code;
+    std::string & stored = h.last_error_text;
+    stored.assign("at ");
+    stored.append(name, ::strnlen(name, max_function_name));
+    stored.append(": ");
+    stored.append(zlk_error(code));
+    // A plain record written meanwhile stays, for the next reader.
+    h.plain_record_name.compare_exchange_strong(name, nullptr, std::memory_order_relaxed);
 }
 
 } // namespace zlk::api

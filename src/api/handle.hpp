@@ -15,6 +15,7 @@
 #include <string>
 #include <string_view>
 
+#include "api/call_trace.hpp"
 #include "api/guarded_key.hpp"
 #include "api/objects_tracker.hpp"
 #include "api/perf_profiles.hpp"
@@ -119,6 +120,11 @@ struct zlk_session
     zlk_error_t last_error = zlk_e_ok;
     std::string last_error_text;
     std::mutex last_error_mutex;
+    // A call at the top of its thread's trace that ends with its code's own text (every success does)
+    // leaves only its name and code here, without the lock; the text is written out when it is read.
+    // The name is a literal, alive for the whole program. Null: the record is last_error and its text.
+    std::atomic<const char *> plain_record_name{nullptr};
+    std::atomic<zlk_error_t> plain_record_code{zlk_e_ok};
 };
 
 namespace zlk::api
@@ -150,5 +156,26 @@ void destroy_handle(zlk_session * h) noexcept;
 // Stores code and text (prefixed with the thread's call trace) as the handle's last error. Never throws:
 // a failure leaves the record as far as it got.
 void write_last_error(zlk_session & h, zlk_error_t code, std::string_view text) noexcept;
+
+// The record of a call's result with the code's own text: the frame's ending. At the top of the trace
+// it costs two atomic stores, so that a caller repeating cheap calls (row setters) doesn't pay for the
+// text.
+inline void record_result(zlk_session & h, zlk_error_t code) noexcept
+{
+    const call_trace & trace = this_thread_trace();
+    if (trace.depth == 1 && trace.names.size() == 1)
+    {
+        h.plain_record_code.store(code, std::memory_order_relaxed);
+        h.plain_record_name.store(trace.names[0].data(), std::memory_order_release);
+        return;
+    }
+    write_last_error(h, code, zlk_error(code));
+}
+
+// Longest exported function name a record reads.
+inline constexpr std::size_t max_function_name = 256;
+
+// Writes a plain record out as code and text; the caller holds last_error_mutex.
+void settle_last_error(zlk_session & h);
 
 } // namespace zlk::api

@@ -167,6 +167,14 @@ zlk_error_t zlk_get_last_error(zlk_handle_t handle, zlk_error_t * error, zlk_str
                 }
                 return;
             }
+            try
+            {
+                zlk::api::settle_last_error(*handle);
+            }
+            catch (const std::bad_alloc &)
+            {
+                // The record stays as it was.
+            }
             if (error)
             {
                 *error = handle->last_error;
