@@ -20,6 +20,7 @@ done
 # A short load test of the same ring: a few seconds at most.
 echo
 echo "==== zlk-bench $uri"
-"$build"/tools/zlk-bench --uri "$uri" -t put,get,update,int_add,batch -n 2000 -d 100 -c 2
+"$build"/tools/zlk-bench --uri "$uri" -t put,get,update,int_add,batch,prefix -n 2000 -d 100 -c 2
+"$build"/tools/zlk-bench --uri "$uri" -t ts_push,ts_aggregate -n 200000 -b 20000 -c 1
 echo
 echo "demo finished"

@@ -37,6 +37,14 @@ operations that failed.
                      int_add  zlk_int_add of 1 on integer entries
                      batch    zlk_run_batch of BATCH blob puts each (updates after the first round);
                               throughput counts records, latency is per batch
+                     prefix   zlk_prefix_get of the run's blob keys, at most 100 aliases a call
+                     ts_push  rows of one timestamp and four double columns, BATCH rows a
+                              zlk_ts_batch_push into a table per thread (one-hour shards, a row
+                              a millisecond); throughput counts rows, latency is per push
+                     ts_aggregate
+                              N / BATCH calls (at least one a thread) of zlk_ts_double_aggregate
+                              of count, mean and max over all the rows of the thread's table (N rows
+                              are pushed first when ts_push didn't run)
   -n N             operations per test, split evenly over the threads (default 10000)
   -d SIZE          bytes of content per blob (default 100)
   -c THREADS       client threads; each opens, connects and uses its own handle, so the threads share
@@ -81,7 +89,8 @@ bool parse_count(std::string_view text, std::size_t & out, bool allow_zero)
 
 bool known_test(std::string_view name)
 {
-    return name == "put" || name == "get" || name == "update" || name == "int_add" || name == "batch";
+    return name == "put" || name == "get" || name == "update" || name == "int_add" || name == "batch" ||
+           name == "prefix" || name == "ts_push" || name == "ts_aggregate";
 }
 
 // 0 to go on, otherwise the exit status.
@@ -199,6 +208,10 @@ struct alignas(64) worker
     std::vector<std::string> blob_keys;
     std::vector<std::string> int_keys;
     std::vector<std::string> batch_keys;
+    // The time series tests' table, its batch table and the rows it holds.
+    std::string table;
+    zlk_batch_table_t batch = nullptr;
+    std::size_t rows = 0;
     std::vector<std::int64_t> latencies_ns;
     std::size_t errors = 0;
     zlk_error_t first_error = zlk_e_ok;
@@ -250,12 +263,21 @@ public:
             w.int_keys.push_back("zlk-bench.int." + suffix);
             w.batch_keys.push_back("zlk-bench.batch." + suffix);
         }
+        _blob_prefix = "zlk-bench." + std::to_string(pid) + ".";
+        for (std::size_t i = 0; i < _workers.size(); ++i)
+        {
+            _workers[i].table = "zlk-bench.ts." + std::to_string(pid) + "." + std::to_string(i);
+        }
     }
 
     ~bench()
     {
         for (worker & w : _workers)
         {
+            if (w.batch)
+            {
+                zlk_ts_batch_table_release(w.handle, w.batch);
+            }
             zlk_close(w.handle);
         }
     }
@@ -321,6 +343,51 @@ public:
                 _s.operations, [](worker & w, std::size_t j)
                 { return zlk_int_add(w.handle, w.int_keys[j % w.int_keys.size()].c_str(), 1, nullptr); });
         }
+        if (test == "prefix")
+        {
+            fill(kind::blob);
+            return measure(_s.operations,
+                           [this](worker & w, std::size_t)
+                           {
+                               const char ** aliases = nullptr;
+                               std::size_t count = 0;
+                               const zlk_error_t r =
+                                   zlk_prefix_get(w.handle, _blob_prefix.c_str(), 100, &aliases, &count);
+                               zlk_release(w.handle, aliases);
+                               return r;
+                           });
+        }
+        if (test == "ts_push")
+        {
+            return run_ts_push();
+        }
+        if (test == "ts_aggregate")
+        {
+            if (!_rows_pushed)
+            {
+                test_result unmeasured = run_ts_push();
+                if (unmeasured.errors != 0)
+                {
+                    std::fprintf(stderr, "zlk-bench: pushing the rows to aggregate: %zu failures (%s)\n",
+                                 unmeasured.errors, zlk_error(unmeasured.first_error));
+                }
+            }
+            const std::size_t calls = std::max(_workers.size(), _s.operations / _s.batch);
+            return measure(calls,
+                           [](worker & w, std::size_t)
+                           {
+                               zlk_ts_double_aggregation a[3] = {};
+                               const zlk_ts_aggregation_type types[3] = {
+                                   zlk_agg_count, zlk_agg_arithmetic_mean, zlk_agg_max};
+                               for (std::size_t k = 0; k < 3; ++k)
+                               {
+                                   a[k].type = types[k];
+                                   a[k].range.begin = ts_row_time(0);
+                                   a[k].range.end = ts_row_time(w.rows);
+                               }
+                               return zlk_ts_double_aggregate(w.handle, w.table.c_str(), "c0", a, 3);
+                           });
+        }
         return run_batches();
     }
 
@@ -346,6 +413,18 @@ public:
                     }
                 }
             });
+        if (_tables_created)
+        {
+            run_threads(
+                [](worker & w)
+                {
+                    const zlk_error_t r = zlk_remove(w.handle, w.table.c_str());
+                    if (ZLK_FAILURE(r) && r != zlk_e_alias_not_found)
+                    {
+                        w.count(r);
+                    }
+                });
+        }
         std::size_t failed = 0;
         for (worker & w : _workers)
         {
@@ -543,6 +622,111 @@ private:
         return result;
     }
 
+    // Row r of a thread's table: a millisecond after row r - 1, from a fixed day.
+    static zlk_timespec_t ts_row_time(std::size_t r)
+    {
+        constexpr std::int64_t day = 1795305600;
+        return zlk_timespec_t{day + static_cast<std::int64_t>(r / 1000),
+                              static_cast<std::int64_t>(r % 1000) * 1000000};
+    }
+
+    // Creates each thread's table (one-hour shards, double columns c0..c3) and its batch table.
+    bool create_tables()
+    {
+        if (_tables_created)
+        {
+            return true;
+        }
+        run_threads(
+            [](worker & w)
+            {
+                static const char * names[4] = {"c0", "c1", "c2", "c3"};
+                zlk_ts_column_info columns[4];
+                zlk_ts_batch_column_info batch_columns[4];
+                for (std::size_t c = 0; c < 4; ++c)
+                {
+                    columns[c] = zlk_ts_column_info{names[c], zlk_ts_column_double};
+                    batch_columns[c] = zlk_ts_batch_column_info{w.table.c_str(), names[c], 0};
+                }
+                zlk_error_t r = zlk_ts_create(w.handle, w.table.c_str(), 3600 * 1000, columns, 4);
+                if (ZLK_SUCCESS(r))
+                {
+                    r = zlk_ts_batch_table_init(w.handle, batch_columns, 4, &w.batch);
+                }
+                w.count(r);
+            });
+        _tables_created = true;
+        for (worker & w : _workers)
+        {
+            if (w.errors != 0)
+            {
+                std::fprintf(stderr, "zlk-bench: creating the tables: %s\n", zlk_error(w.first_error));
+                return false;
+            }
+        }
+        return true;
+    }
+
+    // Each thread stages BATCH rows and pushes them, ceil(share / BATCH) times; a latency is a push.
+    test_result run_ts_push()
+    {
+        if (!create_tables())
+        {
+            test_result failed;
+            failed.errors = 1;
+            failed.first_error = zlk_e_invalid_argument;
+            return failed;
+        }
+        const std::size_t n = _workers.size();
+        const std::size_t batch = _s.batch;
+        std::vector<std::size_t> pushes(n);
+        std::size_t most = 0;
+        for (std::size_t i = 0; i < n; ++i)
+        {
+            const std::size_t share = _s.operations / n + (i < _s.operations % n ? 1 : 0);
+            pushes[i] = (share + batch - 1) / batch;
+            most = std::max(most, pushes[i]);
+        }
+        test_result result =
+            measure(most * n,
+                    [&](worker & w, std::size_t j) -> zlk_error_t
+                    {
+                        const auto i = static_cast<std::size_t>(&w - _workers.data());
+                        if (j >= pushes[i])
+                        {
+                            return zlk_e_ok;
+                        }
+                        const std::size_t share = _s.operations / n + (i < _s.operations % n ? 1 : 0);
+                        const std::size_t count = std::min(batch, share - j * batch);
+                        for (std::size_t r = 0; r < count; ++r)
+                        {
+                            const std::size_t row = w.rows + r;
+                            const zlk_timespec_t t = ts_row_time(row);
+                            zlk_ts_batch_start_row(w.batch, &t);
+                            for (std::size_t c = 0; c < 4; ++c)
+                            {
+                                zlk_ts_batch_row_set_double(w.batch, c, static_cast<double>(row % 1000 + c));
+                            }
+                        }
+                        const zlk_error_t r = zlk_ts_batch_push(w.batch);
+                        if (ZLK_SUCCESS(r))
+                        {
+                            w.rows += count;
+                        }
+                        return r;
+                    });
+        result.latencies_ns.clear();
+        for (std::size_t i = 0; i < n; ++i)
+        {
+            const auto & l = _workers[i].latencies_ns;
+            result.latencies_ns.insert(result.latencies_ns.end(), l.begin(),
+                                       l.begin() + static_cast<std::ptrdiff_t>(pushes[i]));
+        }
+        result.operations = _s.operations;
+        _rows_pushed = true;
+        return result;
+    }
+
     // Writes every key of the kind, unmeasured, when no earlier test did.
     void fill(kind k)
     {
@@ -600,6 +784,9 @@ private:
     bool _blobs_written = false;
     bool _ints_written = false;
     bool _batch_written = false;
+    std::string _blob_prefix;
+    bool _tables_created = false;
+    bool _rows_pushed = false;
 };
 
 double percentile_us(const std::vector<std::int64_t> & sorted, double p)
