@@ -15,29 +15,6 @@ namespace zlk::api
 namespace
 {
 
-// The single-key transaction of the reads that remove: the removal and, later, the entry's tag links
-// go under one stamp.
-template <typename Body>
-zlk_error_t run_removal(zlk_session & h, const chord::ring_id & key, Body && send_removal)
-{
-    const zlk_error_t connected = h.cluster.ensure_connected();
-    if (ZLK_FAILURE(connected))
-    {
-        return connected;
-    }
-    client::transaction_token token;
-    const zlk_error_t built = client::build_transaction_token(h.cluster, key, true, token);
-    if (ZLK_FAILURE(built))
-    {
-        return built;
-    }
-    client::transaction_state state(h.cluster, token);
-    const zlk_error_t sent = send_removal(state);
-    const zlk_error_t ended = state.end(sent);
-    // An informational outcome of the request (unmatched content) outlives a commit that succeeds.
-    return ZLK_SUCCESS(ended) && ZLK_SUCCESS(sent) ? sent : ended;
-}
-
 constexpr const char * listing_context = "listing";
 
 // The nodes of the ring in walking order, from its first node.
@@ -194,13 +171,14 @@ zlk_error_t remove_in_transaction(zlk_session & h, const chord::ring_id & key, s
                                   bool has_content, client::body_builder body, chord::owner_reply & reply,
                                   removal_follow_up follow_up)
 {
-    return run_removal(h, key,
-                       [&](client::transaction_state & state)
-                       {
-                           const zlk_error_t removed = state.send(key, access, has_content, body, reply);
-                           // Unmatched content removed nothing: nothing follows.
-                           return removed != zlk_e_ok ? removed : follow_up(state, reply);
-                       });
+    return run_in_transaction(h, key,
+                              [&](client::transaction_state & state)
+                              {
+                                  const zlk_error_t removed =
+                                      state.send(key, access, has_content, body, reply);
+                                  // Unmatched content removed nothing: nothing follows.
+                                  return removed != zlk_e_ok ? removed : follow_up(state, reply);
+                              });
 }
 
 zlk_error_t no_follow_up(client::transaction_state &, const chord::owner_reply &) noexcept

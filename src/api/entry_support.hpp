@@ -52,6 +52,29 @@ using removal_follow_up =
 
 zlk_error_t no_follow_up(client::transaction_state &, const chord::owner_reply &) noexcept;
 
+// A single-key transaction: a token for the key with a timestamp from its coordinator, body(state)
+// sending the requests under its stamp, then the commit, or the rollback when the body failed. An
+// informational outcome of the body (unmatched content) outlives a commit that succeeds.
+template <typename Body>
+zlk_error_t run_in_transaction(zlk_session & h, const chord::ring_id & key, Body && body)
+{
+    const zlk_error_t connected = h.cluster.ensure_connected();
+    if (ZLK_FAILURE(connected))
+    {
+        return connected;
+    }
+    client::transaction_token token;
+    const zlk_error_t built = client::build_transaction_token(h.cluster, key, true, token);
+    if (ZLK_FAILURE(built))
+    {
+        return built;
+    }
+    client::transaction_state state(h.cluster, token);
+    const zlk_error_t sent = body(state);
+    const zlk_error_t ended = state.end(sent);
+    return ZLK_SUCCESS(ended) && ZLK_SUCCESS(sent) ? sent : ended;
+}
+
 // A removal (remove, get_and_remove, remove_if) as the transaction it is: a token with a timestamp
 // from the key's coordinator, the request under its stamp, the follow-up, then the commit or the
 // rollback.

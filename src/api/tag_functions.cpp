@@ -59,28 +59,6 @@ void check_tag_list(const char * const * tags, std::size_t count, std::vector<zl
     }
 }
 
-// A tag operation as the transaction it is: a token for the entry's key with a timestamp, the requests,
-// then the commit (or the rollback, for a failure and for an outcome that changed nothing).
-template <typename Body>
-zlk_error_t in_transaction(zlk_session & h, const zlk::chord::ring_id & key, Body && body)
-{
-    const zlk_error_t connected = h.cluster.ensure_connected();
-    if (ZLK_FAILURE(connected))
-    {
-        return connected;
-    }
-    client::transaction_token token;
-    const zlk_error_t built = client::build_transaction_token(h.cluster, key, true, token);
-    if (ZLK_FAILURE(built))
-    {
-        return built;
-    }
-    client::transaction_state state(h.cluster, token);
-    const zlk_error_t sent = body(state);
-    const zlk_error_t ended = state.end(sent);
-    return ZLK_SUCCESS(ended) && ZLK_SUCCESS(sent) ? sent : ended;
-}
-
 zlk_error_t send_in(client::transaction_state & state, std::string_view name_with_zero,
                     zlk::protocol::operation_body (*make)(std::string_view, std::uint8_t), std::uint8_t type,
                     zlk::chord::owner_reply & reply)
@@ -259,7 +237,7 @@ zlk_error_t zlk_attach_tag(zlk_handle_t handle, const char * alias, const char *
                     {
                         const checked_names n = check_names(alias, tag);
                         const auto entry = checked_entry(alias);
-                        return in_transaction(
+                        return zlk::api::run_in_transaction(
                             *handle, entry.key,
                             [&](client::transaction_state & state)
                             {
@@ -287,7 +265,7 @@ zlk_error_t zlk_attach_tags(zlk_handle_t handle, const char * alias, const char 
                         check_tag_list(tags, tag_count, list);
                         const auto entry = checked_entry(alias);
                         const std::string_view name(checked.data, checked.length - 1);
-                        return in_transaction(
+                        return zlk::api::run_in_transaction(
                             *handle, entry.key,
                             [&](client::transaction_state & state)
                             {
@@ -339,10 +317,10 @@ zlk_error_t zlk_detach_tag(zlk_handle_t handle, const char * alias, const char *
                             return tested;
                         }
                         const auto entry = checked_entry(alias);
-                        return in_transaction(*handle, entry.key,
-                                              [&](client::transaction_state & state) {
-                                                  return remove_link_in(state, n.tag_text(), n.alias_text());
-                                              });
+                        return zlk::api::run_in_transaction(
+                            *handle, entry.key,
+                            [&](client::transaction_state & state)
+                            { return remove_link_in(state, n.tag_text(), n.alias_text()); });
                     });
 }
 
@@ -357,7 +335,7 @@ zlk_error_t zlk_detach_tags(zlk_handle_t handle, const char * alias, const char 
                         check_tag_list(tags, tag_count, list);
                         const auto entry = checked_entry(alias);
                         const std::string_view name(checked.data, checked.length - 1);
-                        return in_transaction(
+                        return zlk::api::run_in_transaction(
                             *handle, entry.key,
                             [&](client::transaction_state & state)
                             {
