@@ -34,6 +34,11 @@ bool is_canceled(const boost::system::error_code & ec) noexcept
     return ec == boost::system::errc::operation_canceled;
 }
 
+// The error a step ended with. Once the loop is stopping, the sockets are closed under the requests,
+// and a step that was queued (a read started after its write completed) then fails with whatever the
+// closed socket says: that is the stop's cancellation, not the peer's doing.
+boost::system::error_code step_error(const state_ptr & q, const std::error_code & error) noexcept;
+
 void invoke(const state_ptr & q, operation_result result) noexcept
 {
     try
@@ -213,6 +218,15 @@ void succeed(const state_ptr & q) noexcept
     }
 }
 
+boost::system::error_code step_error(const state_ptr & q, const std::error_code & error) noexcept
+{
+    if (!q->connection->broker().mux().accepting())
+    {
+        return make_error_code(boost::system::errc::operation_canceled);
+    }
+    return to_error_code(error);
+}
+
 void start_connect(const state_ptr & q)
 {
     client::client & c = *q->connection;
@@ -230,10 +244,13 @@ void start_connect(const state_ptr & q)
                                  client::client & c = *q->connection;
                                  if (error)
                                  {
-                                     const auto ec = to_error_code(error);
-                                     log::log(log::level::debug,
-                                              "context {} could not asynchronously connect: {}", c.context(),
-                                              error_text(ec));
+                                     const auto ec = step_error(q, error);
+                                     if (!is_canceled(ec))
+                                     {
+                                         log::log(log::level::debug,
+                                                  "context {} could not asynchronously connect: {}",
+                                                  c.context(), error_text(ec));
+                                     }
                                      fail(q, ec, stage::other);
                                      return;
                                  }
@@ -268,7 +285,7 @@ void start_write(const state_ptr & q)
             client::client & c = *q->connection;
             if (error)
             {
-                const auto ec = to_error_code(error);
+                const auto ec = step_error(q, error);
                 if (!is_canceled(ec))
                 {
                     log::log(log::level::debug,
@@ -309,8 +326,8 @@ void on_read(const state_ptr & q, const std::error_code & error, std::size_t arr
     client::client & c = *q->connection;
     if (error)
     {
-        const auto ec = to_error_code(error);
-        if (error == asio::error::eof)
+        const auto ec = step_error(q, error);
+        if (!is_canceled(ec) && error == asio::error::eof)
         {
             log::log(log::level::debug, "session {}:{} gracefully closed by peer {}", address_of{c.remote()},
                      c.remote().port(), c.remote());
