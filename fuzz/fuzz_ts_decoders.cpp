@@ -16,6 +16,7 @@
 #include "timeseries/aggregation_state.hpp"
 #include "timeseries/shard_write.hpp"
 #include "timeseries/ts_messages.hpp"
+#include "ts_decoder_kinds.hpp"
 
 namespace
 {
@@ -26,31 +27,7 @@ namespace ser = zlk::serialization;
 using kernel::column_type;
 using zlk::timespec;
 
-// make_ts_corpus writes its seeds with these numbers: keep the two lists in step.
-enum decoder : std::uint8_t
-{
-    create_table = 0,
-    insert_columns,
-    list_columns,
-    table_listing_reply,
-    shard_info_request,
-    shard_info_reply,
-    expire_by_size,
-    drop_buckets,
-    column_insert,
-    erase_ranges,
-    get_ranges,
-    rows_reply,
-    get_timestamps,
-    offsets_reply,
-    shard_write_message,
-    state,
-    aggregate_request,
-    aggregate_reply,
-    alias_list,
-    walk_reply,
-    decoder_count
-};
+using namespace zlk::fuzz;
 
 [[noreturn]] void mismatch()
 {

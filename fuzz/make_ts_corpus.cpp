@@ -13,6 +13,7 @@
 #include "timeseries/bucket.hpp"
 #include "timeseries/shard_write.hpp"
 #include "timeseries/ts_messages.hpp"
+#include "ts_decoder_kinds.hpp"
 #include "wire/frame.hpp"
 
 namespace
@@ -24,30 +25,7 @@ using kernel::column_type;
 using zlk::timespec;
 using bytes = std::vector<std::uint8_t>;
 
-// The decoder numbers of fuzz_ts_decoders (low five bits of the first byte).
-enum decoder : std::uint8_t
-{
-    create_table = 0,
-    insert_columns,
-    list_columns,
-    table_listing_reply,
-    shard_info_request,
-    shard_info_reply,
-    expire_by_size,
-    drop_buckets,
-    column_insert,
-    erase_ranges,
-    get_ranges,
-    rows_reply,
-    get_timestamps,
-    offsets_reply,
-    shard_write_message,
-    state,
-    aggregate_request,
-    aggregate_reply,
-    alias_list,
-    walk_reply,
-};
+using namespace zlk::fuzz;
 
 void write_file(const std::filesystem::path & path, const bytes & content)
 {
