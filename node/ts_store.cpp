@@ -55,8 +55,15 @@ void append_rows(ts_column_data & to, ts_column_data & from, std::size_t first, 
     }
 }
 
+// Room for n rows. Growth doubles, so that a bucket that takes push after push of new rows isn't
+// copied whole on every one.
 void reserve_rows(ts_column_data & c, std::size_t n)
 {
+    if (n <= c.offsets.capacity())
+    {
+        return;
+    }
+    n = std::max(n, 2 * c.offsets.capacity());
     c.offsets.reserve(n);
     switch (c.type)
     {
