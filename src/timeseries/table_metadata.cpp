@@ -75,7 +75,7 @@ struct ts_get_columns_batch_policy
 
 const column_record * timeseries_table::find(std::string_view name) const noexcept
 {
-    const auto it = by_name.find(std::string(name));
+    const auto it = by_name.find(name);
     return it == by_name.end() ? nullptr : &columns[it->second];
 }
 

@@ -2,9 +2,11 @@
 // alias: the column listing (ts_list_columns) and the look-up of one column (ts_shard_info).
 #pragma once
 
+#include <boost/container_hash/hash.hpp>
 #include <boost/unordered/unordered_flat_map.hpp>
 
 #include <cstdint>
+#include <functional>
 #include <memory>
 #include <span>
 #include <string>
@@ -25,6 +27,16 @@ struct column_record
     std::uint64_t index = 0;
 };
 
+// Hashes names of any string type alike, so that a look-up by string_view needn't build a string.
+struct name_hash
+{
+    using is_transparent = void;
+    std::size_t operator()(std::string_view name) const noexcept
+    {
+        return boost::hash<std::string_view>{}(name);
+    }
+};
+
 struct timeseries_table
 {
     // Kept as the node sent it, not interpreted.
@@ -34,7 +46,7 @@ struct timeseries_table
     // In the node's order.
     std::vector<column_record> columns;
     // The same columns by name: position in `columns`.
-    boost::unordered_flat_map<std::string, std::size_t> by_name;
+    boost::unordered_flat_map<std::string, std::size_t, name_hash, std::equal_to<>> by_name;
 
     const column_record * find(std::string_view name) const noexcept;
 };
