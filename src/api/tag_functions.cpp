@@ -179,6 +179,24 @@ void parse_links(const std::vector<std::string> & links, std::vector<std::string
     }
 }
 
+// The names a listing of links stands for (the entries of a tag, or the tags of an entry), handed out
+// as one alias list.
+template <typename Parse>
+zlk_error_t hand_out_linked(zlk_session & h, const std::string & affix, client::affix_kind kind,
+                            Parse && parse, const char *** aliases, size_t * alias_count)
+{
+    std::vector<std::string> links;
+    const zlk_error_t r = zlk::api::list_affix(h, affix, kind, 0, links);
+    if (ZLK_FAILURE(r))
+    {
+        return r;
+    }
+    std::vector<std::string> names;
+    parse_links(links, names, parse);
+    zlk::api::hand_out_alias_list(h, names, aliases, alias_count);
+    return zlk_e_ok;
+}
+
 // The tag iterator's state: the tag's entries as listed, and the place of the current one.
 struct tag_walk
 {
@@ -369,19 +387,11 @@ zlk_error_t zlk_get_tagged(zlk_handle_t handle, const char * tag, const char ***
                         *aliases = nullptr;
                         *alias_count = 0;
                         const std::string_view name(t.data, t.length - 1);
-                        std::vector<std::string> links;
-                        const zlk_error_t r = zlk::api::list_affix(*handle, client::tag_links_prefix(name),
-                                                                   client::affix_kind::prefix, 0, links);
-                        if (ZLK_FAILURE(r))
-                        {
-                            return r;
-                        }
-                        std::vector<std::string> entries;
-                        parse_links(links, entries,
-                                    [&](const std::string & link, std::string & out)
-                                    { return client::entry_of_link(link, name, out); });
-                        zlk::api::hand_out_alias_list(*handle, entries, aliases, alias_count);
-                        return zlk_e_ok;
+                        return hand_out_linked(
+                            *handle, client::tag_links_prefix(name), client::affix_kind::prefix,
+                            [&](const std::string & link, std::string & out)
+                            { return client::entry_of_link(link, name, out); },
+                            aliases, alias_count);
                     });
 }
 
@@ -419,19 +429,11 @@ zlk_error_t zlk_get_tags(zlk_handle_t handle, const char * alias, const char ***
                         *tags = nullptr;
                         *tag_count = 0;
                         const std::string_view name(a.data, a.length - 1);
-                        std::vector<std::string> links;
-                        const zlk_error_t r = zlk::api::list_affix(*handle, client::entry_links_suffix(name),
-                                                                   client::affix_kind::suffix, 0, links);
-                        if (ZLK_FAILURE(r))
-                        {
-                            return r;
-                        }
-                        std::vector<std::string> found;
-                        parse_links(links, found,
-                                    [&](const std::string & link, std::string & out)
-                                    { return client::tag_of_link(link, name, out); });
-                        zlk::api::hand_out_alias_list(*handle, found, tags, tag_count);
-                        return zlk_e_ok;
+                        return hand_out_linked(
+                            *handle, client::entry_links_suffix(name), client::affix_kind::suffix,
+                            [&](const std::string & link, std::string & out)
+                            { return client::tag_of_link(link, name, out); },
+                            tags, tag_count);
                     });
 }
 
