@@ -506,8 +506,13 @@ void shard_write_again(const shard_write_view & v, const Known & known, const Ty
     m.shard_start = v.shard_start;
     m.fast = v.fast;
     m.ranges = v.ranges;
-    const protocol::operation_body rebuilt = build_shard_write_body(m);
-    ser::cursor again = fields_of(rebuilt);
+    const protocol::operation_body scattered = build_shard_write_body(m);
+    if (scattered.error)
+    {
+        mismatch();
+    }
+    const std::vector<std::uint8_t> rebuilt = protocol::flat_bytes(scattered);
+    ser::cursor again(rebuilt.data() + 2, rebuilt.size() - 2);
     shard_write_view back;
     if (decode_shard_write(again, v.op, known, type_of, back) || again.remaining != 0 ||
         back.table != v.table || back.bucket_key != v.bucket_key || back.has_chunk != v.has_chunk ||

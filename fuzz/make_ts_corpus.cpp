@@ -53,7 +53,8 @@ bytes fields(const protocol::operation_body & body)
         std::fprintf(stderr, "a builder failed\n");
         std::exit(1);
     }
-    return bytes(body.data + 2, body.data + body.size);
+    const bytes all = protocol::flat_bytes(body);
+    return bytes(all.begin() + 2, all.end());
 }
 
 zlk_ts_range_t range(std::int64_t begin_s, std::int64_t end_s)
@@ -132,6 +133,7 @@ bytes node_seed(const chord::ring_id & key, std::uint16_t access, const protocol
     request.required_access = static_cast<std::uint16_t>(access | 0x01);
     request.operation_class = body.operation_class;
     request.body = body.bytes();
+    request.body_pieces = body.pieces;
     serialization::small_scatter<16> scatter;
     bytes scratch;
     protocol::encode_frame(protocol::message{request}, scatter, scratch);

@@ -1,6 +1,7 @@
 #include "node/ts_store.hpp"
 
 #include <algorithm>
+#include <bit>
 #include <cstring>
 #include <limits>
 #include <numeric>
@@ -131,6 +132,38 @@ void append_incoming(ts_column_data & c, std::int64_t offset, const ts_incoming_
     }
 }
 
+// Appends all incoming rows, already in time order, after the stored ones.
+void append_in_order(ts_column_data & c, std::span<const std::int64_t> offsets,
+                     const ts_incoming_values & values)
+{
+    const std::size_t n = offsets.size();
+    std::memcpy(c.offsets.extend_uninitialized(n), offsets.data(), n * sizeof(std::int64_t));
+    if constexpr (std::endian::native == std::endian::little)
+    {
+        // The wire's fixed-size values are the host's own on a little-endian machine.
+        switch (c.type)
+        {
+        case kernel::column_type::double_:
+            std::memcpy(c.doubles.extend_uninitialized(n), values.fixed.data(), n * 8);
+            return;
+        case kernel::column_type::int64:
+            std::memcpy(c.integers.extend_uninitialized(n), values.fixed.data(), n * 8);
+            return;
+        case kernel::column_type::timestamp:
+            std::memcpy(c.timestamps.extend_uninitialized(n), values.fixed.data(), n * 16);
+            return;
+        case kernel::column_type::blob:
+        case kernel::column_type::string:
+            break;
+        }
+    }
+    c.offsets.resize(c.offsets.size() - n);
+    for (std::size_t i = 0; i < n; ++i)
+    {
+        append_incoming(c, offsets[i], values, i);
+    }
+}
+
 } // namespace
 
 const ts_column_schema * ts_table_schema::find(std::uint64_t index) const noexcept
@@ -249,7 +282,13 @@ boost::system::error_code ts_bucket::merge(std::uint64_t index, kernel::column_t
     }
     const auto incoming_at = [&](std::size_t k) { return sorted ? k : order[k]; };
 
-    // The common case, rows arriving after all that is there: append in place.
+    // The common case, rows arriving in order after all that is there: copied in bulk.
+    if (sorted && (column.offsets.empty() || offsets[0] >= column.offsets.back()))
+    {
+        reserve_rows(column, column.size() + n);
+        append_in_order(column, offsets, values);
+        return {};
+    }
     if (column.offsets.empty() || offsets[incoming_at(0)] >= column.offsets.back())
     {
         reserve_rows(column, column.size() + n);

@@ -22,6 +22,7 @@
 
 #include "ring/ring_id.hpp"
 #include "timeseries/column_type.hpp"
+#include "timeseries/pod_vector.hpp"
 #include "wire/time_value.hpp"
 
 namespace zlk::node
@@ -49,10 +50,11 @@ struct ts_table_schema
 struct ts_column_data
 {
     kernel::column_type type = kernel::column_type::double_;
-    std::vector<std::int64_t> offsets;
-    std::vector<double> doubles;
-    std::vector<std::int64_t> integers;
-    std::vector<timespec> timestamps;
+    // Large and grown in place, without copies (see pod_vector).
+    timeseries::pod_vector<std::int64_t> offsets;
+    timeseries::pod_vector<double> doubles;
+    timeseries::pod_vector<std::int64_t> integers;
+    timeseries::pod_vector<timespec> timestamps;
     std::vector<std::string> bytes;
 
     std::size_t size() const noexcept { return offsets.size(); }

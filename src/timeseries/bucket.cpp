@@ -10,19 +10,9 @@ namespace zlk::timeseries
 namespace
 {
 
-constexpr std::int64_t ns_per_ms = 1000000;
-
-// Wrapping arithmetic: a caller may hand any 64-bit time, and a silly one must give a silly bucket,
-// not undefined behaviour.
-constexpr std::int64_t wrap_mul(std::int64_t a, std::int64_t b) noexcept
-{
-    return static_cast<std::int64_t>(static_cast<std::uint64_t>(a) * static_cast<std::uint64_t>(b));
-}
-
-constexpr std::int64_t wrap_add(std::int64_t a, std::int64_t b) noexcept
-{
-    return static_cast<std::int64_t>(static_cast<std::uint64_t>(a) + static_cast<std::uint64_t>(b));
-}
+using detail::ns_per_ms;
+using detail::wrap_add;
+using detail::wrap_mul;
 
 constexpr std::string_view key_mark{"\xC0\x80", 2};
 constexpr std::string_view key_head = "ts.";

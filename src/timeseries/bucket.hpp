@@ -21,8 +21,45 @@ struct bucket_position
     std::int64_t offset_ns = 0;
 };
 
+namespace detail
+{
+
+inline constexpr std::int64_t ns_per_ms = 1000000;
+
+// Wrapping arithmetic: a caller may hand any 64-bit time, and a silly one must give a silly bucket,
+// not undefined behaviour.
+constexpr std::int64_t wrap_mul(std::int64_t a, std::int64_t b) noexcept
+{
+    return static_cast<std::int64_t>(static_cast<std::uint64_t>(a) * static_cast<std::uint64_t>(b));
+}
+
+constexpr std::int64_t wrap_add(std::int64_t a, std::int64_t b) noexcept
+{
+    return static_cast<std::int64_t>(static_cast<std::uint64_t>(a) + static_cast<std::uint64_t>(b));
+}
+
+} // namespace detail
+
 // shard_size in milliseconds, positive.
 bucket_position locate(const timespec & t, std::int64_t shard_size) noexcept;
+
+// The same as locate(), without its division when t falls into the shard that starts at
+// `guess_start_ms` (from an earlier locate): rows staged in time order mostly stay in one shard.
+inline bucket_position locate_near(const timespec & t, std::int64_t shard_size,
+                                   std::int64_t guess_start_ms) noexcept
+{
+    using namespace detail;
+    const std::int64_t ms_of_ns = t.tv_nsec / ns_per_ms;
+    const std::int64_t ms = wrap_add(wrap_mul(t.tv_sec, 1000), ms_of_ns);
+    // Only at or after the epoch: there the truncating remainder of locate() is the plain distance
+    // from the shard's start.
+    if (shard_size > 0 && guess_start_ms >= 0 && ms >= guess_start_ms && ms - guess_start_ms < shard_size)
+    {
+        return {guess_start_ms,
+                wrap_add(t.tv_nsec - ms_of_ns * ns_per_ms, wrap_mul(ms - guess_start_ms, ns_per_ms))};
+    }
+    return locate(t, shard_size);
+}
 
 // The table's id: Skein-256 over the alias and its terminating zero.
 chord::ring_id table_id(std::string_view alias) noexcept;

@@ -117,7 +117,7 @@ timespec ms_to_timespec(std::int64_t ms) noexcept
     return timespec{t.tv_sec, t.tv_nsec};
 }
 
-const std::vector<std::int64_t> * first_offsets(const shard_chunk & chunk) noexcept
+const pod_vector<std::int64_t> * first_offsets(const shard_chunk & chunk) noexcept
 {
     if (chunk.columns.empty())
     {
@@ -136,8 +136,8 @@ void check_rows_covered(const table_writer & w, std::span<const zlk_ts_range_t> 
         {
             for (const column_chunk & col : chunk->columns)
             {
-                const std::vector<std::int64_t> & offsets =
-                    std::visit([](const auto & p) -> const std::vector<std::int64_t> & { return p.offsets; },
+                const pod_vector<std::int64_t> & offsets =
+                    std::visit([](const auto & p) -> const pod_vector<std::int64_t> & { return p.offsets; },
                                col.payload);
                 for (const std::int64_t o : offsets)
                 {
@@ -168,7 +168,7 @@ std::vector<zlk_ts_range_t> clip_ranges(const chunk_list & chunks, std::size_t p
     const wide shard_end = base + static_cast<wide>(shard_size) * ns_per_ms;
     const auto lowest = [&](const shard_chunk & c) -> std::optional<wide>
     {
-        const std::vector<std::int64_t> * o = first_offsets(c);
+        const pod_vector<std::int64_t> * o = first_offsets(c);
         if (!o || o->empty())
         {
             return std::nullopt;
@@ -316,6 +316,7 @@ zlk_error_t pusher::send(const send_group & g, std::vector<request_outcome> & ou
         }
         client::request_record r;
         r.request = chord::make_carrier(key, i, 0, body);
+        r.request.body_pieces = body.pieces;
         r.slot = i;
         at->records.push_back(std::move(r));
     }

@@ -56,7 +56,7 @@ void put_words(ser::writer & w, const std::int64_t * words, std::size_t n)
     }
 }
 
-void put_values(ser::writer & w, const std::vector<double> & values)
+void put_values(ser::writer & w, const pod_vector<double> & values)
 {
     static_assert(sizeof(double) == sizeof(std::int64_t));
     w.put_varint(values.size());
@@ -73,13 +73,13 @@ void put_values(ser::writer & w, const std::vector<double> & values)
     }
 }
 
-void put_values(ser::writer & w, const std::vector<std::int64_t> & values)
+void put_values(ser::writer & w, const pod_vector<std::int64_t> & values)
 {
     w.put_varint(values.size());
     put_words(w, values.data(), values.size());
 }
 
-void put_values(ser::writer & w, const std::vector<timespec> & values)
+void put_values(ser::writer & w, const pod_vector<timespec> & values)
 {
     static_assert(sizeof(timespec) == 2 * sizeof(std::int64_t));
     w.put_varint(values.size());
@@ -97,7 +97,7 @@ void put_values(ser::writer & w, const std::vector<timespec> & values)
     }
 }
 
-void put_values(ser::writer & w, const std::vector<byte_view> & values)
+void put_values(ser::writer & w, const pod_vector<byte_view> & values)
 {
     w.put_varint(values.size());
     for (const byte_view & v : values)
@@ -261,7 +261,7 @@ protocol::operation_body build_shard_write_body(const shard_write & m) noexcept
         ser::small_scatter<16> scatter;
         ser::writer w(scatter, std::span<std::uint8_t>(scratch.get(), b.scratch));
         encode_shard_write(w, m);
-        return protocol::detail::finish_operation_body(scatter, m.op);
+        return protocol::detail::finish_scattered_body(scatter, std::move(scratch), m.op);
     }
     catch (const std::bad_alloc &)
     {

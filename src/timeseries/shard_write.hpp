@@ -61,8 +61,9 @@ shard_write_bound shard_write_bounds(const shard_write & m) noexcept;
 // out (a scratch area of shard_write_bounds(m).scratch never does).
 void encode_shard_write(serialization::writer & w, const shard_write & m);
 
-// The message as one body for a carrier: encoded, then copied once into the body's own buffer. Never
-// throws: running out of memory gives a body with its error set.
+// The message as a scattered body for a carrier: the chunk's offsets, values and blob bytes, the table
+// name and the bucket key are referenced, not copied, and must outlive the request. Never throws:
+// running out of memory gives a body with its error set.
 protocol::operation_body build_shard_write_body(const shard_write & m) noexcept;
 
 // A column as received: views into the message.

@@ -36,7 +36,7 @@ Value filler() noexcept
 
 // Growth by half rather than doubling: staged rows stay within 1.5 times their size on the wire.
 template <typename T>
-void grow_for_one(std::vector<T> & v)
+void grow_for_one(pod_vector<T> & v)
 {
     if (v.size() == v.capacity())
     {
@@ -45,9 +45,9 @@ void grow_for_one(std::vector<T> & v)
     }
 }
 
-const std::vector<std::int64_t> & offsets_of(const column_payload_variant & p) noexcept
+const pod_vector<std::int64_t> & offsets_of(const column_payload_variant & p) noexcept
 {
-    return std::visit([](const auto & x) -> const std::vector<std::int64_t> & { return x.offsets; }, p);
+    return std::visit([](const auto & x) -> const pod_vector<std::int64_t> & { return x.offsets; }, p);
 }
 
 } // namespace
@@ -129,7 +129,7 @@ std::uint64_t chunk_estimate(const shard_chunk & chunk, std::size_t table_name_s
 }
 
 template <typename Value>
-void sort_by_offset(std::vector<std::int64_t> & offsets, std::vector<Value> & values)
+void sort_by_offset(pod_vector<std::int64_t> & offsets, pod_vector<Value> & values)
 {
     const std::size_t n = offsets.size();
     if (n < 2 || std::is_sorted(offsets.begin(), offsets.end()))
@@ -176,10 +176,10 @@ void sort_by_offset(std::vector<std::int64_t> & offsets, std::vector<Value> & va
     }
 }
 
-template void sort_by_offset(std::vector<std::int64_t> &, std::vector<double> &);
-template void sort_by_offset(std::vector<std::int64_t> &, std::vector<std::int64_t> &);
-template void sort_by_offset(std::vector<std::int64_t> &, std::vector<timespec> &);
-template void sort_by_offset(std::vector<std::int64_t> &, std::vector<byte_view> &);
+template void sort_by_offset(pod_vector<std::int64_t> &, pod_vector<double> &);
+template void sort_by_offset(pod_vector<std::int64_t> &, pod_vector<std::int64_t> &);
+template void sort_by_offset(pod_vector<std::int64_t> &, pod_vector<timespec> &);
+template void sort_by_offset(pod_vector<std::int64_t> &, pod_vector<byte_view> &);
 
 table_writer::table_writer(std::string table, std::int64_t shard_size, std::uint64_t max_chunk_size)
     : _table(std::move(table))
@@ -214,6 +214,7 @@ std::size_t table_writer::add_column(const column_entry & entry)
     };
     _columns.reserve(_columns.size() + 1);
     _cursors.reserve(_columns.size() + 1);
+    _cursor_offsets.reserve(_columns.size() + 1);
     for (auto & [start, chunks] : _shards)
     {
         for (const auto & chunk : chunks)
@@ -227,6 +228,7 @@ std::size_t table_writer::add_column(const column_entry & entry)
     }
     _columns.push_back(entry);
     _cursors.push_back(nullptr);
+    _cursor_offsets.push_back(nullptr);
     if (_current)
     {
         point_cursors();
@@ -234,12 +236,8 @@ std::size_t table_writer::add_column(const column_entry & entry)
     return _columns.size() - 1;
 }
 
-void table_writer::close_row()
+void table_writer::fill_short_columns()
 {
-    if (!_current)
-    {
-        return;
-    }
     std::vector<column_chunk> & columns = _current->columns;
     std::size_t longest = 0;
     std::size_t n = 0;
@@ -256,7 +254,7 @@ void table_writer::close_row()
     {
         return;
     }
-    const std::vector<std::int64_t> & reference = offsets_of(columns[longest].payload);
+    const pod_vector<std::int64_t> & reference = offsets_of(columns[longest].payload);
     for (column_chunk & c : columns)
     {
         std::visit(
@@ -340,6 +338,9 @@ void table_writer::point_cursors()
     for (std::size_t i = 0; i < _cursors.size(); ++i)
     {
         _cursors[i] = _current ? &_current->columns[i].payload : nullptr;
+        _cursor_offsets[i] =
+            _current ? std::visit([](auto & p) { return &p.offsets; }, _current->columns[i].payload)
+                     : nullptr;
     }
 }
 
@@ -351,7 +352,7 @@ zlk_error_t table_writer::start_row(const timespec & t)
 
 zlk_error_t table_writer::select_chunk(const timespec & t)
 {
-    const bucket_position at = locate(t, _shard_size);
+    const bucket_position at = locate_near(t, _shard_size, _row_shard);
     const bool same_shard = _has_row && _current && at.start_ms == _row_shard;
     _row_shard = at.start_ms;
     _row_offset = at.offset_ns;
@@ -385,59 +386,25 @@ zlk_error_t table_writer::select_chunk(const timespec & t)
     return zlk_e_ok;
 }
 
-template <typename Payload, typename Value>
-zlk_error_t table_writer::append(std::size_t position, std::uint64_t estimate, const Value & v) noexcept
+template <typename Value>
+bool table_writer::grow_for_row(pod_vector<std::int64_t> & offsets, pod_vector<Value> & values) noexcept
 {
-    if (position >= _cursors.size())
-    {
-        return zlk_e_out_of_bounds;
-    }
-    // Counted before the type check, as the estimate of a row that the caller meant to write.
-    _approx_size += estimate;
-    column_payload_variant * cursor = _cursors[position];
-    if (!cursor)
-    {
-        return zlk_e_invalid_argument;
-    }
-    Payload * p = std::get_if<Payload>(cursor);
-    if (!p)
-    {
-        return zlk_e_incompatible_type;
-    }
     try
     {
-        grow_for_one(p->offsets);
-        grow_for_one(p->values);
+        grow_for_one(offsets);
+        grow_for_one(values);
+        return true;
     }
     catch (const std::bad_alloc &)
     {
-        return zlk_e_no_memory_local;
+        return false;
     }
-    p->offsets.push_back(_row_offset);
-    p->values.push_back(v);
-    return zlk_e_ok;
 }
 
-zlk_error_t table_writer::set_double(std::size_t position, double v) noexcept
-{
-    return append<double_payload>(position, 16, v);
-}
-
-zlk_error_t table_writer::set_int64(std::size_t position, std::int64_t v) noexcept
-{
-    return append<int64_payload>(position, 16, v);
-}
-
-zlk_error_t table_writer::set_timestamp(std::size_t position, const timespec & v) noexcept
-{
-    return append<timestamp_payload>(position, 24, v);
-}
-
-zlk_error_t table_writer::set_bytes(std::size_t position, const std::uint8_t * data,
-                                    std::size_t size) noexcept
-{
-    return append<bytes_payload>(position, 24, byte_view{data, size});
-}
+template bool table_writer::grow_for_row(pod_vector<std::int64_t> &, pod_vector<double> &) noexcept;
+template bool table_writer::grow_for_row(pod_vector<std::int64_t> &, pod_vector<std::int64_t> &) noexcept;
+template bool table_writer::grow_for_row(pod_vector<std::int64_t> &, pod_vector<timespec> &) noexcept;
+template bool table_writer::grow_for_row(pod_vector<std::int64_t> &, pod_vector<byte_view> &) noexcept;
 
 void table_writer::finish(bool keep_lone_empty)
 {

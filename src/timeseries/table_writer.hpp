@@ -16,6 +16,7 @@
 #include <vector>
 
 #include "timeseries/column_type.hpp"
+#include "timeseries/pod_vector.hpp"
 #include "wire/time_value.hpp"
 #include "zlk/error.h"
 
@@ -51,8 +52,8 @@ struct column_payload
     std::uint64_t shard_size = 0;
     std::int64_t shard_start = 0;
     // Nanoseconds from the shard's start, parallel to values.
-    std::vector<std::int64_t> offsets;
-    std::vector<Value> values;
+    pod_vector<std::int64_t> offsets;
+    pod_vector<Value> values;
 };
 
 using double_payload = column_payload<double>;
@@ -164,15 +165,34 @@ public:
     zlk_error_t resize_pinned(std::size_t position, std::size_t count);
 
     // Brings every column of the current chunk to the length of the longest, with fillers.
-    void close_row();
+    void close_row()
+    {
+        // A row that set every column once leaves them all of one length: nothing to fill.
+        if (_current && !columns_even())
+        {
+            fill_short_columns();
+        }
+    }
 
     // The setters: zlk_e_out_of_bounds for a position beyond the columns, zlk_e_invalid_argument before
     // the first row, zlk_e_incompatible_type for a column of another type. No allocation beyond the
     // vectors' growth.
-    zlk_error_t set_double(std::size_t position, double v) noexcept;
-    zlk_error_t set_int64(std::size_t position, std::int64_t v) noexcept;
-    zlk_error_t set_timestamp(std::size_t position, const timespec & v) noexcept;
-    zlk_error_t set_bytes(std::size_t position, const std::uint8_t * data, std::size_t size) noexcept;
+    zlk_error_t set_double(std::size_t position, double v) noexcept
+    {
+        return append<double_payload>(position, 16, v);
+    }
+    zlk_error_t set_int64(std::size_t position, std::int64_t v) noexcept
+    {
+        return append<int64_payload>(position, 16, v);
+    }
+    zlk_error_t set_timestamp(std::size_t position, const timespec & v) noexcept
+    {
+        return append<timestamp_payload>(position, 24, v);
+    }
+    zlk_error_t set_bytes(std::size_t position, const std::uint8_t * data, std::size_t size) noexcept
+    {
+        return append<bytes_payload>(position, 24, byte_view{data, size});
+    }
 
     // The column's payload in the current chunk; null before the first row.
     column_payload_variant * cursor(std::size_t position) noexcept
@@ -192,8 +212,56 @@ public:
     std::size_t staged_rows() const noexcept;
 
 private:
+    // The row path: a vector append through the column's cursor.
     template <typename Payload, typename Value>
-    zlk_error_t append(std::size_t position, std::uint64_t estimate, const Value & v) noexcept;
+    zlk_error_t append(std::size_t position, std::uint64_t estimate, const Value & v) noexcept
+    {
+        if (position >= _cursors.size())
+        {
+            return zlk_e_out_of_bounds;
+        }
+        // Counted before the type check, as the estimate of a row that the caller meant to write.
+        _approx_size += estimate;
+        column_payload_variant * cursor = _cursors[position];
+        if (!cursor)
+        {
+            return zlk_e_invalid_argument;
+        }
+        Payload * p = std::get_if<Payload>(cursor);
+        if (!p)
+        {
+            return zlk_e_incompatible_type;
+        }
+        if (p->offsets.size() == p->offsets.capacity() || p->values.size() == p->values.capacity())
+            [[unlikely]]
+        {
+            // Both grown before either takes the row, so that a failure leaves them parallel.
+            if (!grow_for_row(p->offsets, p->values))
+            {
+                return zlk_e_no_memory_local;
+            }
+        }
+        p->offsets.push_back(_row_offset);
+        p->values.push_back(v);
+        return zlk_e_ok;
+    }
+
+    template <typename Value>
+    static bool grow_for_row(pod_vector<std::int64_t> & offsets, pod_vector<Value> & values) noexcept;
+
+    bool columns_even() const noexcept
+    {
+        const std::size_t n = _cursor_offsets.empty() ? 0 : _cursor_offsets[0]->size();
+        for (const pod_vector<std::int64_t> * o : _cursor_offsets)
+        {
+            if (o->size() != n)
+            {
+                return false;
+            }
+        }
+        return true;
+    }
+    void fill_short_columns();
 
     std::shared_ptr<shard_chunk> make_chunk(std::int64_t start);
     void point_cursors();
@@ -209,12 +277,14 @@ private:
     chunk_list _spares;
     std::vector<column_entry> _columns;
     std::vector<column_payload_variant *> _cursors;
+    // The offsets of each cursor's column, for the check at the end of a row.
+    std::vector<pod_vector<std::int64_t> *> _cursor_offsets;
     bool _has_row = false;
     bool _hint_used = false;
 };
 
 // Sorts offsets and values together by offset, keeping the order of equal offsets.
 template <typename Value>
-void sort_by_offset(std::vector<std::int64_t> & offsets, std::vector<Value> & values);
+void sort_by_offset(pod_vector<std::int64_t> & offsets, pod_vector<Value> & values);
 
 } // namespace zlk::timeseries

@@ -2,6 +2,7 @@
 
 #include <algorithm>
 #include <array>
+#include <cstring>
 #include <utility>
 
 namespace zlk::protocol
@@ -88,16 +89,80 @@ std::string_view message_kind_name(std::size_t tag) noexcept
 namespace zlk::chord
 {
 
+namespace
+{
+
+// The body's bytes as one sequence of ranges, whichever way the request holds them.
+std::span<const serialization::scatter_entry> body_ranges(const chord_carrier_request & r,
+                                                          serialization::scatter_entry & whole) noexcept
+{
+    if (!r.body_pieces.empty())
+    {
+        return r.body_pieces;
+    }
+    whole = {r.body.data(), r.body.size()};
+    return {&whole, 1};
+}
+
+bool same_bytes(std::span<const serialization::scatter_entry> a,
+                std::span<const serialization::scatter_entry> b) noexcept
+{
+    std::size_t i = 0, j = 0, at_a = 0, at_b = 0;
+    for (;;)
+    {
+        while (i < a.size() && at_a == a[i].size)
+        {
+            ++i;
+            at_a = 0;
+        }
+        while (j < b.size() && at_b == b[j].size)
+        {
+            ++j;
+            at_b = 0;
+        }
+        if (i == a.size() || j == b.size())
+        {
+            return i == a.size() && j == b.size();
+        }
+        const std::size_t n = std::min(a[i].size - at_a, b[j].size - at_b);
+        if (std::memcmp(a[i].data + at_a, b[j].data + at_b, n) != 0)
+        {
+            return false;
+        }
+        at_a += n;
+        at_b += n;
+    }
+}
+
+} // namespace
+
 std::uint16_t chord_carrier_request::operation() const noexcept
 {
-    return body.size() < 2 ? 0 : serialization::detail::load_le<std::uint16_t>(body.data());
+    serialization::scatter_entry whole{};
+    std::uint8_t head[2];
+    std::size_t have = 0;
+    for (const serialization::scatter_entry & e : body_ranges(*this, whole))
+    {
+        for (std::size_t k = 0; k < e.size && have < 2; ++k)
+        {
+            head[have++] = e.data[k];
+        }
+        if (have == 2)
+        {
+            return serialization::detail::load_le<std::uint16_t>(head);
+        }
+    }
+    return 0;
 }
 
 bool operator==(const chord_carrier_request & a, const chord_carrier_request & b) noexcept
 {
+    serialization::scatter_entry whole_a{};
+    serialization::scatter_entry whole_b{};
     return a.from == b.from && a.key == b.key && a.client_id == b.client_id &&
            a.transaction == b.transaction && a.required_access == b.required_access && a.valid == b.valid &&
-           a.operation_class == b.operation_class && std::ranges::equal(a.body, b.body);
+           a.operation_class == b.operation_class &&
+           same_bytes(body_ranges(a, whole_a), body_ranges(b, whole_b));
 }
 
 } // namespace zlk::chord
@@ -379,7 +444,21 @@ void marshal(writer & w, const chord::chord_carrier_request & r)
     w.put_u16(r.required_access);
     w.put_u8(r.valid);
     w.put_varint(r.operation_class);
-    w.put_bytes(r.body);
+    if (r.body_pieces.empty())
+    {
+        w.put_bytes(r.body);
+        return;
+    }
+    std::size_t total = 0;
+    for (const serialization::scatter_entry & e : r.body_pieces)
+    {
+        total += e.size;
+    }
+    w.put_varint(total);
+    for (const serialization::scatter_entry & e : r.body_pieces)
+    {
+        w.put_raw(e.data, e.size);
+    }
 }
 
 error_code unmarshal(cursor & c, chord::chord_carrier_request & r) noexcept
@@ -413,6 +492,7 @@ error_code unmarshal(cursor & c, chord::chord_carrier_request & r) noexcept
         return ec;
     }
     r.body_owner.reset();
+    r.body_pieces = {};
     return read_bytes(c, r.body);
 }
 

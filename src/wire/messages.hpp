@@ -137,6 +137,9 @@ struct chord_carrier_request
     std::uint64_t operation_class = 0;
     // u16 operation number, then the operation's fields (wire/operation_body.hpp). Sent by reference.
     std::span<const std::uint8_t> body;
+    // When not empty, the body is these pieces in order instead (a large body sent without a copy);
+    // body is then empty. The owner keeps the list alive, the sender the bulk bytes it points at.
+    std::span<const serialization::scatter_entry> body_pieces;
     // Keeps the body alive as long as the request; empty on a decoded request, whose body is a view
     // into the received frame.
     std::shared_ptr<const void> body_owner;

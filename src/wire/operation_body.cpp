@@ -1,6 +1,28 @@
 #include "wire/operation_body.hpp"
 
 #include <cstring>
+#include <vector>
+
+namespace zlk::protocol
+{
+
+std::vector<std::uint8_t> flat_bytes(const operation_body & body)
+{
+    std::vector<std::uint8_t> out;
+    if (!body.scattered())
+    {
+        out.assign(body.data, body.data + body.size);
+        return out;
+    }
+    out.reserve(body.size);
+    for (const serialization::scatter_entry & e : body.pieces)
+    {
+        out.insert(out.end(), e.data, e.data + e.size);
+    }
+    return out;
+}
+
+} // namespace zlk::protocol
 
 namespace zlk::protocol::detail
 {
@@ -20,6 +42,31 @@ operation_body finish_operation_body(const serialization::scatter_list & scatter
     body.data = buffer.get();
     body.size = size;
     body.owner = std::move(buffer);
+    return body;
+}
+
+namespace
+{
+
+struct scattered_storage
+{
+    std::unique_ptr<std::uint8_t[]> scratch;
+    std::vector<serialization::scatter_entry> pieces;
+};
+
+} // namespace
+
+operation_body finish_scattered_body(const serialization::scatter_list & scatter,
+                                     std::unique_ptr<std::uint8_t[]> scratch, operation op)
+{
+    auto storage = std::make_shared<scattered_storage>();
+    storage->scratch = std::move(scratch);
+    storage->pieces.assign(scatter.begin(), scatter.end());
+    operation_body body;
+    body.operation_class = static_cast<std::uint64_t>(class_of(op));
+    body.size = scatter.total_size();
+    body.pieces = storage->pieces;
+    body.owner = std::move(storage);
     return body;
 }
 

@@ -3,7 +3,8 @@
 // ends as one contiguous buffer of exactly its size under a shared owner: the fields are written to a
 // scratch area sized by the operation's bound (on the stack when it is small), bulk data is
 // referenced, and the pieces are then copied in order into that one buffer. The scatter technique
-// saves copies again at the envelope, around the body.
+// saves copies again at the envelope, around the body. A bulk body (a time-series shard write) is the
+// exception: its pieces stay where they are and the sender keeps the bulk alive until the reply.
 #pragma once
 
 #include <boost/system/error_code.hpp>
@@ -31,9 +32,16 @@ struct operation_body
     const std::uint8_t * data = nullptr;
     std::size_t size = 0;
     std::shared_ptr<const void> owner;
+    // A body too large to copy: its pieces in order, pointing into the owner's scratch and into the
+    // caller's bulk buffers, which must outlive the request. Then data is null and size the total.
+    std::span<const serialization::scatter_entry> pieces;
 
     std::span<const std::uint8_t> bytes() const noexcept { return {data, size}; }
+    bool scattered() const noexcept { return !pieces.empty(); }
 };
+
+// The body's bytes in one buffer, scattered or not: a copy, for tools and checks, not for sending.
+std::vector<std::uint8_t> flat_bytes(const operation_body & body);
 
 namespace detail
 {
@@ -44,6 +52,10 @@ inline constexpr std::size_t stack_body_scratch = 256;
 // Copies the pieces into one shared buffer of their exact total size.
 operation_body finish_operation_body(const serialization::scatter_list & scatter, operation op);
 operation_body out_of_memory_body() noexcept;
+
+// Keeps the pieces as they are: the body owns the scratch area and the list, not the bulk bytes.
+operation_body finish_scattered_body(const serialization::scatter_list & scatter,
+                                     std::unique_ptr<std::uint8_t[]> scratch, operation op);
 
 } // namespace detail
 

@@ -229,7 +229,7 @@ struct shard_write_codec : three_columns
     {
         const protocol::operation_body body = build_shard_write_body(m);
         EXPECT_FALSE(body.error);
-        return {body.data, body.data + body.size};
+        return protocol::flat_bytes(body);
     }
 
     boost::system::error_code decode(const std::vector<std::uint8_t> & bytes, shard_write_view & out)

@@ -72,6 +72,28 @@ TEST(bucket_position, absurd_times_do_not_trap)
     (void)buckets_of(timespec(INT64_MAX, 0), timespec(INT64_MAX, 5), 7);
 }
 
+TEST(bucket_position, a_guessed_shard_gives_what_the_full_arithmetic_gives)
+{
+    const std::int64_t shard = 3600000;
+    const timespec times[] = {timespec(0, 0),          timespec(3599, 999999999),
+                              timespec(3600, 0),       timespec(7199, 5),
+                              timespec(-1, 999000000), timespec(-3600, 0),
+                              timespec(0, -1),         timespec(0, 1999999999),
+                              timespec(1700000000, 7), timespec(INT64_MAX, INT64_MAX),
+                              timespec(INT64_MIN, 0)};
+    const std::int64_t guesses[] = {-1, 0, shard, 2 * shard, 472222 * shard, -shard, INT64_MAX - 5};
+    for (const timespec t : times)
+    {
+        const bucket_position full = locate(t, shard);
+        for (const std::int64_t guess : guesses)
+        {
+            const bucket_position near = locate_near(t, shard, guess);
+            EXPECT_EQ(near.start_ms, full.start_ms) << time_text(t) << " guess " << guess;
+            EXPECT_EQ(near.offset_ns, full.offset_ns) << time_text(t) << " guess " << guess;
+        }
+    }
+}
+
 TEST(bucket_key, a_day_shard_prints_its_start_in_eighteen_digits)
 {
     const bucket_position p = locate(timespec(86400, 0), day_ms);

@@ -2,6 +2,7 @@
 zlk_test(NAME test_ts_addressing
     SOURCES
         bucket_test.cpp
+        pod_vector_test.cpp
         ts_messages_test.cpp
     LINK zlk_timeseries
     LABELS unit)
