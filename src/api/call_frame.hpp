@@ -54,9 +54,7 @@ public:
         }
         if (_pushed)
         {
-            // With an exception in flight (a frame called from a destructor during unwinding) the
-            // array is left as is; the next push cuts it back to depth.
-            _trace.pop(std::uncaught_exceptions() != 0);
+            _trace.pop();
         }
     }
 

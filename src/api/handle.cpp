@@ -68,7 +68,7 @@ void write_last_error(zlk_session & h, zlk_error_t code, std::string_view text) 
     try
     {
         std::lock_guard lock{h.last_error_mutex};
-        const call_trace & trace = this_thread_trace();
+        const std::span<const std::string_view> names = this_thread_trace().names();
         h.plain_record_name.store(nullptr, std::memory_order_relaxed);
         h.last_error = code;
         std::string & stored = h.last_error_text;
@@ -77,20 +77,20 @@ void write_last_error(zlk_session & h, zlk_error_t code, std::string_view text) 
             stored.clear();
             return;
         }
-        if (trace.names.empty())
+        if (names.empty())
         {
             stored.assign(text);
             return;
         }
         // "at zlk_a.zlk_b: text"; clear() keeps the capacity, so the steady state doesn't allocate.
         stored.assign("at ");
-        for (std::size_t i = 0; i < trace.names.size(); ++i)
+        for (std::size_t i = 0; i < names.size(); ++i)
         {
             if (i != 0)
             {
                 stored.push_back('.');
             }
-            stored.append(trace.names[i]);
+            stored.append(names[i]);
         }
         stored.append(": ");
         stored.append(text);

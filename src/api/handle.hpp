@@ -163,10 +163,10 @@ void write_last_error(zlk_session & h, zlk_error_t code, std::string_view text) 
 inline void record_result(zlk_session & h, zlk_error_t code) noexcept
 {
     const call_trace & trace = this_thread_trace();
-    if (trace.depth == 1 && trace.names.size() == 1)
+    if (trace.depth() == 1 && trace.names().size() == 1)
     {
         h.plain_record_code.store(code, std::memory_order_relaxed);
-        h.plain_record_name.store(trace.names[0].data(), std::memory_order_release);
+        h.plain_record_name.store(trace.names()[0].data(), std::memory_order_release);
         return;
     }
     write_last_error(h, code, zlk_error(code));

@@ -39,7 +39,6 @@ constexpr std::uint64_t wake_interval = packet_pool::default_capacity / 4;
 std::atomic<std::uint64_t> message_counter{0};
 std::atomic<std::uint64_t> dropped{0};
 std::atomic<sink_id> next_sink_id{1};
-std::atomic<std::uint8_t> sync_flag{0};
 
 // Set while this thread walks the sinks, so that a sink that flushes or changes the sinks doesn't
 // deadlock on the logger's mutex (logging from a sink needs no lock and is fine).
@@ -556,14 +555,14 @@ std::uint64_t dropped_messages() noexcept
     return dropped.load(std::memory_order_relaxed);
 }
 
-void set_sync(bool sync) noexcept
+namespace detail
 {
-    sync_flag.store(sync ? 1 : 0, std::memory_order_relaxed);
+std::atomic<std::uint8_t> sync_flag{0};
 }
 
-bool is_sync() noexcept
+void set_sync(bool sync) noexcept
 {
-    return sync_flag.load(std::memory_order_relaxed) != 0;
+    detail::sync_flag.store(sync ? 1 : 0, std::memory_order_relaxed);
 }
 
 } // namespace zlk::log

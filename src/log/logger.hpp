@@ -95,6 +95,15 @@ std::uint64_t dropped_messages() noexcept;
 
 // The synchronous flag that the call frame tests on the way out of every exported function.
 void set_sync(bool sync) noexcept;
-bool is_sync() noexcept;
+
+namespace detail
+{
+extern std::atomic<std::uint8_t> sync_flag;
+}
+
+inline bool is_sync() noexcept
+{
+    return detail::sync_flag.load(std::memory_order_relaxed) != 0;
+}
 
 } // namespace zlk::log
