@@ -20,11 +20,6 @@ thread_local trace_heap heap;
 
 void call_trace::fit_to_depth()
 {
-    if (_size > _depth)
-    {
-        _size = _depth;
-        return;
-    }
     // Shorter than depth: a push failed for want of memory. Grown with empty names.
     while (_capacity < _depth)
     {

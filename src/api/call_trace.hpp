@@ -26,7 +26,11 @@ public:
     // deeper trace can't grow.
     void push(std::string_view name)
     {
-        if (_size != _depth)
+        if (_size > _depth)
+        {
+            _size = _depth;
+        }
+        else if (_size < _depth)
         {
             fit_to_depth();
         }
@@ -63,7 +67,7 @@ private:
     std::string_view * names_data() noexcept { return _heap ? _heap : _in_place; }
     const std::string_view * names_data() const noexcept { return _heap ? _heap : _in_place; }
 
-    void fit_to_depth();
+    void fit_to_depth(); // grows the array to depth with empty names
     void grow();
     // At thread exit, when the heap array is freed: back to the names in place.
     void drop_heap() noexcept;
@@ -79,8 +83,11 @@ private:
 
 namespace detail
 {
-inline thread_local constinit call_trace thread_trace;
-}
+// Initial-exec: the trace is reached on every exported call, and in the shared library the general
+// model would make that a call into the dynamic loader. The few bytes come from the static TLS block,
+// which also has room for a library opened with dlopen.
+inline thread_local constinit call_trace thread_trace __attribute__((tls_model("initial-exec")));
+} // namespace detail
 
 inline call_trace & this_thread_trace() noexcept
 {

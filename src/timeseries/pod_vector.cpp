@@ -2,6 +2,7 @@
 
 #include <sys/mman.h>
 
+#include <cstdint>
 #include <cstdlib>
 #include <cstring>
 #include <new>
@@ -93,6 +94,27 @@ void * grow(void * p, std::size_t old_capacity, std::size_t used, std::size_t & 
     }
     capacity = size;
     return q;
+}
+
+void populate(void * p, std::size_t size, std::size_t capacity) noexcept
+{
+    if (!is_mapping(capacity))
+    {
+        return;
+    }
+#ifdef MADV_POPULATE_WRITE
+    constexpr int populate_write = MADV_POPULATE_WRITE;
+#else
+    constexpr int populate_write = 23;
+#endif
+    // Whole pages only: the first and last may hold bytes in use.
+    const auto begin = (reinterpret_cast<std::uintptr_t>(p) + page - 1) & ~(page - 1);
+    const auto end = (reinterpret_cast<std::uintptr_t>(p) + size) & ~(page - 1);
+    if (end > begin)
+    {
+        // Only a hint: a kernel without it leaves the pages to fault one by one.
+        (void)::madvise(reinterpret_cast<void *>(begin), end - begin, populate_write);
+    }
 }
 
 void release(void * p, std::size_t capacity) noexcept

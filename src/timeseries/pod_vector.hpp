@@ -31,6 +31,9 @@ namespace pod_memory
 void * allocate(std::size_t & capacity);
 void * grow(void * p, std::size_t old_capacity, std::size_t used, std::size_t & capacity);
 void release(void * p, std::size_t capacity) noexcept;
+// Faults in the pages of [p, p + size), part of a buffer of `capacity` bytes, with one call into the
+// kernel rather than a fault per page: for memory about to be filled. Nothing for a heap buffer.
+void populate(void * p, std::size_t size, std::size_t capacity) noexcept;
 
 } // namespace pod_memory
 
@@ -151,6 +154,7 @@ public:
             grow_for(_size + n);
         }
         T * at = _data + _size;
+        pod_memory::populate(at, n * sizeof(T), _capacity * sizeof(T));
         _size += n;
         return at;
     }
@@ -269,6 +273,8 @@ private:
     {
         const std::size_t c = _capacity;
         reallocate(std::max(needed, c < 16 ? std::size_t{16} : c + c / 2));
+        // Grown by appends, so the new room is about to be filled.
+        pod_memory::populate(_data + c, (_capacity - c) * sizeof(T), _capacity * sizeof(T));
     }
 
     void reallocate(std::size_t n)
