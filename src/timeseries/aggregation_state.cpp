@@ -256,6 +256,77 @@ inline void renormalise(double & mantissa, std::int64_t & exponent) noexcept
     exponent += e;
 }
 
+// min and max of numbers, the hot case. The general loop carries the best value from row to row, a
+// chain of compare and move that leaves the core waiting; here each block's extreme comes from four
+// independent lanes, and only a block that beats the best so far is walked for its first row with
+// that value. Same result as the general loop: the first non-null row among equals, a NaN that comes
+// first stays (nothing compares above or below it), a later NaN never wins, and neither does a filler.
+template <bool WantMax, typename V, typename TimeOf>
+aggregation_state numeric_extreme(std::span<const V> values, const TimeOf & time_of)
+{
+    const std::size_t n = values.size();
+    std::size_t i = 0;
+    while (i < n && is_null(values[i]))
+    {
+        ++i;
+    }
+    if (i == n)
+    {
+        return no_data_state{};
+    }
+    std::size_t best = i;
+    V best_value = values[i];
+    std::uint64_t nulls = 0;
+    const auto better = [](const V & a, const V & b) { return WantMax ? less(b, a) : less(a, b); };
+    // A lane that holds no row yet holds the best so far: it can only be beaten, never equalled wrongly.
+    constexpr std::size_t block = 256;
+    for (std::size_t start = i + 1; start < n; start += block)
+    {
+        const std::size_t end = std::min(n, start + block);
+        V lane[4] = {best_value, best_value, best_value, best_value};
+        std::size_t k = start;
+        for (; k + 4 <= end; k += 4)
+        {
+            for (std::size_t j = 0; j < 4; ++j)
+            {
+                const V v = values[k + j];
+                const bool null = is_null(v);
+                nulls += null ? 1 : 0;
+                lane[j] = !null && better(v, lane[j]) ? v : lane[j];
+            }
+        }
+        for (; k < end; ++k)
+        {
+            const V v = values[k];
+            const bool null = is_null(v);
+            nulls += null ? 1 : 0;
+            lane[0] = !null && better(v, lane[0]) ? v : lane[0];
+        }
+        V block_best = lane[0];
+        for (std::size_t j = 1; j < 4; ++j)
+        {
+            block_best = better(lane[j], block_best) ? lane[j] : block_best;
+        }
+        if (!better(block_best, best_value))
+        {
+            continue;
+        }
+        // The block's first row whose value is the block's best: the one the row-by-row walk keeps.
+        for (k = start; k < end; ++k)
+        {
+            const V v = values[k];
+            // Equality, not "neither is better": a NaN is neither, and never the best of a block.
+            if (!is_null(v) && v == block_best)
+            {
+                best = k;
+                best_value = v;
+                break;
+            }
+        }
+    }
+    return extreme_state{n - i - nulls, timed_value{time_of(best), keep(best_value)}};
+}
+
 // The loops. `values` are rows in time order; time_of(i) is asked only of the retained rows.
 template <typename V, typename TimeOf>
 aggregation_state fold(aggregation_type fn, std::span<const V> values, const TimeOf & time_of)
@@ -296,6 +367,14 @@ aggregation_state fold(aggregation_type fn, std::span<const V> values, const Tim
     }
     case state_kind::extreme:
     {
+        if constexpr (std::is_same_v<V, double> || std::is_same_v<V, std::int64_t>)
+        {
+            if (fn == f::min || fn == f::max)
+            {
+                return fn == f::max ? numeric_extreme<true>(values, time_of)
+                                    : numeric_extreme<false>(values, time_of);
+            }
+        }
         std::size_t best = none;
         if (fn == f::first)
         {

@@ -5,6 +5,7 @@
 #include <algorithm>
 #include <bit>
 #include <cmath>
+#include <cstring>
 #include <numeric>
 #include <random>
 #include <set>
@@ -211,6 +212,87 @@ TEST(aggregation_state, extremes_keep_the_time_of_their_row)
     }
     // The bucket at 1000 s: row 3 lies 4.5 ms in.
     EXPECT_EQ(time_of(3), (timespec{1000, 4500000}));
+}
+
+// The row a plain walk keeps: the first non-null row that nothing after it beats strictly.
+template <typename V>
+std::pair<std::size_t, std::uint64_t> plain_extreme(const std::vector<V> & x, bool want_max, V null)
+{
+    std::size_t best = x.size();
+    std::uint64_t rows = 0;
+    for (std::size_t i = 0; i < x.size(); ++i)
+    {
+        if (std::memcmp(&x[i], &null, sizeof(V)) == 0)
+        {
+            continue;
+        }
+        ++rows;
+        if (best == x.size() || (want_max ? x[best] < x[i] : x[i] < x[best]))
+        {
+            best = i;
+        }
+    }
+    return {best, rows};
+}
+
+TEST(aggregation_state, min_and_max_of_long_series_pick_the_row_a_plain_walk_picks)
+{
+    const double filler = std::bit_cast<double>(0x7FF8000000000000ull);
+    const double other_nan = std::bit_cast<double>(0x7FF0000000000001ull);
+    std::mt19937_64 random(7);
+    for (int round = 0; round < 40; ++round)
+    {
+        // Few distinct values, so ties are many; nulls, NaNs and signed zeros sprinkled in; lengths
+        // around the block of the fast path.
+        const std::size_t n = 1 + random() % 1200;
+        std::vector<double> d(n);
+        std::vector<std::int64_t> i64(n);
+        for (std::size_t k = 0; k < n; ++k)
+        {
+            const auto pick = random() % 20;
+            d[k] = pick == 0   ? filler
+                   : pick == 1 ? other_nan
+                   : pick == 2 ? -0.0
+                               : static_cast<double>(random() % 9) - 4;
+            i64[k] = pick == 0 ? INT64_MIN : static_cast<std::int64_t>(random() % 9) - 4;
+        }
+        if (round % 5 == 0)
+        {
+            d[0] = other_nan; // a NaN first stays the answer
+        }
+        const bucket_rows rows(n);
+        for (const bool want_max : {false, true})
+        {
+            const aggregation_type f = want_max ? fn::max : fn::min;
+            SCOPED_TRACE(testing::Message() << "round " << round << (want_max ? " max" : " min"));
+            const auto [db, drows] = plain_extreme(d, want_max, filler);
+            const aggregation_state ds = fold_rows(f, std::span<const double>(d), rows.times());
+            if (drows == 0)
+            {
+                EXPECT_TRUE(std::holds_alternative<no_data_state>(ds));
+                continue;
+            }
+            const auto * de = std::get_if<extreme_state>(&ds);
+            ASSERT_TRUE(de);
+            EXPECT_EQ(de->count, drows);
+            EXPECT_EQ(de->point.time, rows.times()(db));
+            EXPECT_EQ(std::bit_cast<std::uint64_t>(std::get<double>(de->point.value)),
+                      std::bit_cast<std::uint64_t>(d[db]));
+
+            const auto [ib, irows] = plain_extreme(i64, want_max, std::int64_t{INT64_MIN});
+            const aggregation_state is = fold_rows(f, std::span<const std::int64_t>(i64), rows.times());
+            if (irows == 0)
+            {
+                EXPECT_TRUE(std::holds_alternative<no_data_state>(is));
+                continue;
+            }
+            const auto * ie = std::get_if<extreme_state>(&is);
+            ASSERT_TRUE(ie);
+            EXPECT_EQ(ie->count, irows);
+            EXPECT_EQ(ie->point.time, rows.times()(ib));
+            EXPECT_EQ(std::get<std::int64_t>(ie->point.value), i64[ib]);
+        }
+    }
 }
 
 TEST(aggregation_state, int64_sums_beyond_one_word_stay_exact_in_their_two_words)
