@@ -109,15 +109,10 @@ void report_memory(benchmark::State & state, const zlk_batch_table & t)
     }
 }
 
-// The steady state of a writer that stages and pushes in turn: every million rows are pushed (not
-// timed), and the next rows reuse the chunks the push left as spares.
-void row_staging(benchmark::State & state)
+// Stages rows 1024 at a time; after every million, `between` runs untimed and may stop the run.
+template <typename Between>
+void stage_in_rounds(benchmark::State & state, four_doubles & f, Between between)
 {
-    four_doubles f(state);
-    if (!f.ready)
-    {
-        return;
-    }
     std::int64_t row = 0;
     std::size_t in_table = 0;
     for (auto _ : state)
@@ -128,10 +123,8 @@ void row_staging(benchmark::State & state)
         if (in_table >= rows_per_table)
         {
             state.PauseTiming();
-            report_memory(state, *f.table);
-            if (zlk_ts_batch_push(f.table) != zlk_e_ok)
+            if (!between())
             {
-                state.SkipWithError("push failed");
                 break;
             }
             in_table = 0;
@@ -139,6 +132,28 @@ void row_staging(benchmark::State & state)
         }
     }
     state.SetItemsProcessed(state.iterations() * 1024);
+}
+
+// The steady state of a writer that stages and pushes in turn: every million rows are pushed (not
+// timed), and the next rows reuse the chunks the push left as spares.
+void row_staging(benchmark::State & state)
+{
+    four_doubles f(state);
+    if (!f.ready)
+    {
+        return;
+    }
+    stage_in_rounds(state, f,
+                    [&]
+                    {
+                        report_memory(state, *f.table);
+                        if (zlk_ts_batch_push(f.table) != zlk_e_ok)
+                        {
+                            state.SkipWithError("push failed");
+                            return false;
+                        }
+                        return true;
+                    });
 }
 BENCHMARK(row_staging)->Unit(benchmark::kMicrosecond);
 
@@ -151,22 +166,12 @@ void row_staging_new_table(benchmark::State & state)
     {
         return;
     }
-    std::int64_t row = 0;
-    std::size_t in_table = 0;
-    for (auto _ : state)
-    {
-        f.stage(row, 1024);
-        row += 1024;
-        in_table += 1024;
-        if (in_table >= rows_per_table)
-        {
-            state.PauseTiming();
-            f.renew();
-            in_table = 0;
-            state.ResumeTiming();
-        }
-    }
-    state.SetItemsProcessed(state.iterations() * 1024);
+    stage_in_rounds(state, f,
+                    [&]
+                    {
+                        f.renew();
+                        return true;
+                    });
 }
 BENCHMARK(row_staging_new_table)->Unit(benchmark::kMicrosecond);
 
