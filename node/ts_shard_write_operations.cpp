@@ -151,40 +151,6 @@ private:
             return make_error_code(kernel::error::not_found);
         }
 
-        // The offsets as aligned words, before the bucket's lock is taken: read in place when the
-        // received bytes happen to be aligned, copied otherwise, and shared by columns that carry the
-        // same offsets (those of one chunk nearly always do).
-        std::vector<std::span<const std::int64_t>> offsets(message.columns.size());
-        std::vector<std::vector<std::int64_t>> copies;
-        copies.reserve(message.columns.size());
-        for (std::size_t i = 0; i < message.columns.size(); ++i)
-        {
-            const timeseries::shard_write_column & col = message.columns[i];
-            if (i > 0 && message.columns[i - 1].offsets.size() == col.offsets.size() &&
-                std::memcmp(message.columns[i - 1].offsets.data(), col.offsets.data(), col.offsets.size()) ==
-                    0)
-            {
-                offsets[i] = offsets[i - 1];
-                continue;
-            }
-            if constexpr (std::endian::native == std::endian::little)
-            {
-                if (reinterpret_cast<std::uintptr_t>(col.offsets.data()) % alignof(std::int64_t) == 0)
-                {
-                    offsets[i] = {reinterpret_cast<const std::int64_t *>(col.offsets.data()), col.rows};
-                    continue;
-                }
-            }
-            std::vector<std::int64_t> & words = copies.emplace_back(col.rows);
-            for (std::size_t r = 0; r < col.rows; ++r)
-            {
-                std::uint64_t word = 0;
-                std::memcpy(&word, col.offsets.data() + r * sizeof(word), sizeof(word));
-                words[r] = static_cast<std::int64_t>(word);
-            }
-            offsets[i] = words;
-        }
-
         const std::int64_t shard_start = message.shard_start;
         const std::uint64_t shard_size = message.has_chunk ? message.shard_size : schema->shard_size;
         const auto init = [&](ts_bucket & b)
@@ -215,7 +181,7 @@ private:
                 ts_incoming_values values;
                 values.fixed = col.fixed;
                 values.bytes = col.bytes;
-                if (error_code ec = b->merge(col.index, col.type, offsets[i], values))
+                if (error_code ec = b->merge_received(col.index, col.type, col.offsets, values))
                 {
                     return ec;
                 }

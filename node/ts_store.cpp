@@ -132,32 +132,42 @@ void append_incoming(ts_column_data & c, std::int64_t offset, const ts_incoming_
     }
 }
 
+// Appends n fixed-size values of a request, bytes as they are: the wire's fixed-size values are the
+// host's own on a little-endian machine. False for a type that doesn't copy that way.
+bool append_fixed_values(ts_column_data & c, const ts_incoming_values & values, std::size_t n)
+{
+    if constexpr (std::endian::native != std::endian::little)
+    {
+        return false;
+    }
+    switch (c.type)
+    {
+    case kernel::column_type::double_:
+        std::memcpy(c.doubles.extend_uninitialized(n), values.fixed.data(), n * 8);
+        return true;
+    case kernel::column_type::int64:
+        std::memcpy(c.integers.extend_uninitialized(n), values.fixed.data(), n * 8);
+        return true;
+    case kernel::column_type::timestamp:
+        std::memcpy(c.timestamps.extend_uninitialized(n), values.fixed.data(), n * 16);
+        return true;
+    case kernel::column_type::blob:
+    case kernel::column_type::string:
+        break;
+    }
+    return false;
+}
+
 // Appends all incoming rows, already in time order, after the stored ones.
 void append_in_order(ts_column_data & c, std::span<const std::int64_t> offsets,
                      const ts_incoming_values & values)
 {
     const std::size_t n = offsets.size();
-    std::memcpy(c.offsets.extend_uninitialized(n), offsets.data(), n * sizeof(std::int64_t));
-    if constexpr (std::endian::native == std::endian::little)
+    if (append_fixed_values(c, values, n))
     {
-        // The wire's fixed-size values are the host's own on a little-endian machine.
-        switch (c.type)
-        {
-        case kernel::column_type::double_:
-            std::memcpy(c.doubles.extend_uninitialized(n), values.fixed.data(), n * 8);
-            return;
-        case kernel::column_type::int64:
-            std::memcpy(c.integers.extend_uninitialized(n), values.fixed.data(), n * 8);
-            return;
-        case kernel::column_type::timestamp:
-            std::memcpy(c.timestamps.extend_uninitialized(n), values.fixed.data(), n * 16);
-            return;
-        case kernel::column_type::blob:
-        case kernel::column_type::string:
-            break;
-        }
+        std::memcpy(c.offsets.extend_uninitialized(n), offsets.data(), n * sizeof(std::int64_t));
+        return;
     }
-    c.offsets.resize(c.offsets.size() - n);
     for (std::size_t i = 0; i < n; ++i)
     {
         append_incoming(c, offsets[i], values, i);
@@ -246,11 +256,9 @@ std::size_t ts_column_data::byte_size() const noexcept
     return n + offsets.size() * fixed_width(type);
 }
 
-boost::system::error_code ts_bucket::merge(std::uint64_t index, kernel::column_type type,
-                                           std::span<const std::int64_t> offsets,
-                                           const ts_incoming_values & values)
+boost::system::error_code ts_bucket::column_for(std::uint64_t index, kernel::column_type type, std::size_t n,
+                                                const ts_incoming_values & values, ts_column_data *& out)
 {
-    const std::size_t n = offsets.size();
     if (kernel::holds_bytes(type) ? values.bytes.size() != n : values.fixed.size() != n * fixed_width(type))
     {
         return kernel_code(kernel::error::unexpected_value);
@@ -265,6 +273,61 @@ boost::system::error_code ts_bucket::merge(std::uint64_t index, kernel::column_t
     {
         return kernel_code(kernel::error::incompatible_type);
     }
+    out = &column;
+    return {};
+}
+
+boost::system::error_code ts_bucket::merge_received(std::uint64_t index, kernel::column_type type,
+                                                    std::span<const std::uint8_t> offsets,
+                                                    const ts_incoming_values & values)
+{
+    const std::size_t n = offsets.size() / sizeof(std::int64_t);
+    if constexpr (std::endian::native == std::endian::little)
+    {
+        if (!kernel::holds_bytes(type) && n != 0)
+        {
+            ts_column_data * column = nullptr;
+            if (boost::system::error_code ec = column_for(index, type, n, values, column))
+            {
+                return ec;
+            }
+            std::int64_t previous = column->offsets.empty() ? INT64_MIN : column->offsets.back();
+            bool in_order = true;
+            for (std::size_t i = 0; i < n && in_order; ++i)
+            {
+                const auto o = read_le<std::int64_t>(offsets.data() + i * sizeof(std::int64_t));
+                in_order = o >= previous;
+                previous = o;
+            }
+            if (in_order)
+            {
+                reserve_rows(*column, column->size() + n);
+                append_fixed_values(*column, values, n);
+                std::memcpy(column->offsets.extend_uninitialized(n), offsets.data(),
+                            n * sizeof(std::int64_t));
+                return {};
+            }
+        }
+    }
+    std::vector<std::int64_t> aligned(n);
+    for (std::size_t i = 0; i < n; ++i)
+    {
+        aligned[i] = read_le<std::int64_t>(offsets.data() + i * sizeof(std::int64_t));
+    }
+    return merge(index, type, aligned, values);
+}
+
+boost::system::error_code ts_bucket::merge(std::uint64_t index, kernel::column_type type,
+                                           std::span<const std::int64_t> offsets,
+                                           const ts_incoming_values & values)
+{
+    const std::size_t n = offsets.size();
+    ts_column_data * found = nullptr;
+    if (boost::system::error_code ec = column_for(index, type, n, values, found))
+    {
+        return ec;
+    }
+    ts_column_data & column = *found;
     if (n == 0)
     {
         return {};

@@ -87,7 +87,17 @@ struct ts_bucket
     // the column exists with another type, 6 when the counts differ.
     boost::system::error_code merge(std::uint64_t index, kernel::column_type type,
                                     std::span<const std::int64_t> offsets, const ts_incoming_values & values);
+    // The same with the offsets as a request carries them: 8 little-endian bytes a row, any alignment.
+    // Rows in order after the stored ones are copied straight from those bytes.
+    boost::system::error_code merge_received(std::uint64_t index, kernel::column_type type,
+                                             std::span<const std::uint8_t> offsets,
+                                             const ts_incoming_values & values);
     std::size_t byte_size() const noexcept;
+
+private:
+    // The column to merge n rows into, created with `type`; the checks of merge().
+    boost::system::error_code column_for(std::uint64_t index, kernel::column_type type, std::size_t n,
+                                         const ts_incoming_values & values, ts_column_data *& out);
 };
 
 class ts_store

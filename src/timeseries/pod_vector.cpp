@@ -30,11 +30,6 @@ constexpr bool use_mappings = true;
 constexpr std::size_t mapping_threshold = std::size_t{1} << 20;
 constexpr std::size_t page = 4096;
 
-bool is_mapping(std::size_t capacity) noexcept
-{
-    return use_mappings && capacity >= mapping_threshold;
-}
-
 std::size_t mapping_size(std::size_t bytes) noexcept
 {
     return (bytes + page - 1) & ~(page - 1);
@@ -53,6 +48,11 @@ void * map(std::size_t & capacity)
 }
 
 } // namespace
+
+bool is_mapping(std::size_t capacity) noexcept
+{
+    return use_mappings && capacity >= mapping_threshold;
+}
 
 void * allocate(std::size_t & capacity)
 {

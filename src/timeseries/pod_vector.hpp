@@ -34,6 +34,8 @@ void release(void * p, std::size_t capacity) noexcept;
 // Faults in the pages of [p, p + size), part of a buffer of `capacity` bytes, with one call into the
 // kernel rather than a fault per page: for memory about to be filled. Nothing for a heap buffer.
 void populate(void * p, std::size_t size, std::size_t capacity) noexcept;
+// Whether a buffer of `capacity` bytes is a mapping (whose pages populate() can fault in).
+bool is_mapping(std::size_t capacity) noexcept;
 
 } // namespace pod_memory
 
@@ -70,6 +72,7 @@ public:
         : _data(std::exchange(other._data, nullptr))
         , _size(std::exchange(other._size, 0))
         , _capacity(std::exchange(other._capacity, 0))
+        , _ready(std::exchange(other._ready, 0))
     {
     }
 
@@ -90,6 +93,7 @@ public:
             _data = std::exchange(other._data, nullptr);
             _size = std::exchange(other._size, 0);
             _capacity = std::exchange(other._capacity, 0);
+            _ready = std::exchange(other._ready, 0);
         }
         return *this;
     }
@@ -126,11 +130,11 @@ public:
 
     void push_back(const T & v)
     {
-        if (_size == _capacity)
+        if (_size == _ready) [[unlikely]]
         {
             // The argument may live in this vector: copy it before the storage moves.
             const T copy = v;
-            grow_for(_size + 1);
+            make_ready(_size + 1);
             _data[_size++] = copy;
             return;
         }
@@ -156,6 +160,7 @@ public:
         T * at = _data + _size;
         pod_memory::populate(at, n * sizeof(T), _capacity * sizeof(T));
         _size += n;
+        _ready = std::max(_ready, _size);
         return at;
     }
 
@@ -170,6 +175,7 @@ public:
             std::uninitialized_value_construct(_data + _size, _data + n);
         }
         _size = n;
+        _ready = std::max(_ready, _size);
     }
 
     void resize(std::size_t n, const T & v)
@@ -180,6 +186,7 @@ public:
             std::uninitialized_fill(_data + _size, _data + n, v);
         }
         _size = n;
+        _ready = std::max(_ready, _size);
     }
 
     template <typename It>
@@ -220,6 +227,7 @@ public:
         std::memmove(_data + at + n, _data + at, (_size - at) * sizeof(T));
         std::copy(first, last, _data + at);
         _size += n;
+        _ready = std::max(_ready, _size);
         return _data + at;
     }
 
@@ -234,6 +242,7 @@ public:
         std::memmove(_data + at + n, _data + at, (_size - at) * sizeof(T));
         std::fill(_data + at, _data + at + n, copy);
         _size += n;
+        _ready = std::max(_ready, _size);
         return _data + at;
     }
 
@@ -255,6 +264,7 @@ public:
         std::swap(_data, other._data);
         std::swap(_size, other._size);
         std::swap(_capacity, other._capacity);
+        std::swap(_ready, other._ready);
     }
 
     friend bool operator==(const pod_vector & a, const pod_vector & b) noexcept
@@ -273,8 +283,24 @@ private:
     {
         const std::size_t c = _capacity;
         reallocate(std::max(needed, c < 16 ? std::size_t{16} : c + c / 2));
-        // Grown by appends, so the new room is about to be filled.
-        pod_memory::populate(_data + c, (_capacity - c) * sizeof(T), _capacity * sizeof(T));
+    }
+
+    // Room for `needed` elements, of which the pages are faulted in a stretch at a time as appends
+    // reach them: room reserved ahead (a caller's row count) costs nothing until it is used.
+    void make_ready(std::size_t needed)
+    {
+        if (needed > _capacity)
+        {
+            grow_for(needed);
+        }
+        if (needed <= _ready)
+        {
+            return;
+        }
+        constexpr std::size_t stretch = (std::size_t{2} << 20) / sizeof(T);
+        const std::size_t ready = std::min(_capacity, std::max(needed, _ready + stretch));
+        pod_memory::populate(_data + _ready, (ready - _ready) * sizeof(T), _capacity * sizeof(T));
+        _ready = ready;
     }
 
     void reallocate(std::size_t n)
@@ -288,6 +314,8 @@ private:
                          : pod_memory::allocate(bytes);
         _data = static_cast<T *>(p);
         _capacity = bytes / sizeof(T);
+        // A heap buffer needs no faulting in; a mapping's pages are ready as far as they were.
+        _ready = pod_memory::is_mapping(bytes) ? std::min(std::max(_ready, _size), _capacity) : _capacity;
     }
 
     static constexpr std::size_t max_size() noexcept { return (std::size_t{1} << 62) / sizeof(T); }
@@ -301,11 +329,14 @@ private:
         _data = nullptr;
         _size = 0;
         _capacity = 0;
+        _ready = 0;
     }
 
     T * _data = nullptr;
     std::size_t _size = 0;
     std::size_t _capacity = 0;
+    // Elements whose pages are known to be in: appends up to here take the short path.
+    std::size_t _ready = 0;
 };
 
 } // namespace zlk::timeseries

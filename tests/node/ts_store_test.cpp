@@ -58,6 +58,48 @@ TEST(ts_bucket, rows_after_the_last_are_appended_and_negative_offsets_sort_first
     EXPECT_EQ(c.integers, (std::vector<std::int64_t>{5, 1, 2, 3, 4}));
 }
 
+// The same rows through merge_received, their offsets one byte off alignment as in a request.
+boost::system::error_code merge_received_int64(ts_bucket & b, std::initializer_list<std::int64_t> offsets,
+                                               std::initializer_list<std::int64_t> values)
+{
+    const auto bytes = int64_bytes(offsets);
+    std::vector<std::uint8_t> shifted(bytes.size() + 1);
+    std::memcpy(shifted.data() + 1, bytes.data(), bytes.size());
+    const auto v = int64_bytes(values);
+    return b.merge_received(0, column_type::int64, std::span(shifted).subspan(1), ts_incoming_values{v, {}});
+}
+
+TEST(ts_bucket, offsets_as_received_merge_like_aligned_ones_in_order_or_not)
+{
+    const std::vector<
+        std::vector<std::pair<std::initializer_list<std::int64_t>, std::initializer_list<std::int64_t>>>>
+        sequences = {
+            {{{1, 2}, {1, 2}}, {{2, 3}, {3, 4}}, {{-9}, {5}}},
+            {{{30, 10, 20, 10}, {1, 2, 3, 4}}, {{10, 40, 5, 30}, {5, 6, 7, 8}}},
+            {{{5, 6, 7}, {1, 2, 3}}, {{7, 7, 9}, {4, 5, 6}}, {{}, {}}},
+        };
+    for (const auto & sequence : sequences)
+    {
+        ts_bucket aligned;
+        ts_bucket received;
+        for (const auto & [o, v] : sequence)
+        {
+            ASSERT_FALSE(merge_int64(aligned, o, v));
+            ASSERT_FALSE(merge_received_int64(received, o, v));
+        }
+        EXPECT_EQ(received.columns.at(0).offsets, aligned.columns.at(0).offsets);
+        EXPECT_EQ(received.columns.at(0).integers, aligned.columns.at(0).integers);
+    }
+    ts_bucket b;
+    ASSERT_FALSE(merge_received_int64(b, {1}, {1}));
+    const auto bytes = int64_bytes({2});
+    EXPECT_EQ(b.merge_received(0, column_type::double_, bytes, ts_incoming_values{bytes, {}}),
+              make_error_code(kernel::error::incompatible_type));
+    EXPECT_EQ(b.merge_received(0, column_type::int64, bytes, ts_incoming_values{{bytes.data(), 4}, {}}),
+              make_error_code(kernel::error::unexpected_value));
+    EXPECT_EQ(b.columns.at(0).size(), 1u);
+}
+
 TEST(ts_bucket, byte_strings_merge_with_their_rows)
 {
     ts_bucket b;
