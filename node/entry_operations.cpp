@@ -560,7 +560,7 @@ void add_entry_operations(operation_registry & registry, std::shared_ptr<entry_s
     using protocol::operation;
     auto h = std::make_shared<entry_handlers>(std::move(store));
     const auto number = [](operation op) { return static_cast<std::uint16_t>(op); };
-    const auto waits = handler_mode::may_wait;
+    const auto waits = handler_mode::replicates;
 
     registry.add(number(operation::get), [h](operation_context & c, protocol::result & r) { h->get(c, r); });
     registry.add(number(operation::get_entry_info),

@@ -1,6 +1,8 @@
 #include "node/entry_store.hpp"
 
+#include <algorithm>
 #include <cstring>
+#include <iterator>
 
 #include "wire/node_info.hpp"
 
@@ -83,14 +85,23 @@ error_code entry_store::apply(const chord::ring_id & key, const zlk::uuid & stam
     shard & s = shard_of(key);
     const timespec now = _now();
     std::lock_guard lock{s.mutex};
-    slot & sl = s.slots[key];
-
     const bool transactional = !stamp.is_none();
+
+    view v;
+    v.now = now;
+    auto found = writes ? s.slots.try_emplace(key).first : s.slots.find(key);
+    if (found == s.slots.end())
+    {
+        // Nothing to see, and a read makes no slot.
+        return op(v);
+    }
+    slot & sl = found->second;
+
     if (sl.pending && sl.pending->stamp != stamp && abandoned(*sl.pending, now))
     {
         sl.pending.reset();
     }
-    const bool held_by_other = sl.pending.has_value() && sl.pending->stamp != stamp;
+    const bool held_by_other = (sl.pending != nullptr) && sl.pending->stamp != stamp;
     if (held_by_other && (writes || transactional))
     {
         return make_error_code(kernel::error::conflict);
@@ -101,16 +112,46 @@ error_code entry_store::apply(const chord::ring_id & key, const zlk::uuid & stam
         reindex(key, sl.committed);
     }
 
-    view v;
-    v.now = now;
-    const bool own_pending = transactional && sl.pending.has_value();
-    v.entry = own_pending ? sl.pending->value : sl.committed;
-    if (v.entry && expired(*v.entry, now))
+    const bool own_pending = transactional && (sl.pending != nullptr);
+    std::optional<stored_entry> & source = own_pending ? sl.pending->value : sl.committed;
+    const bool visible = source.has_value() && !expired(*source, now);
+    // A read borrows the stored entry rather than copying it (its content may be large) and gives it
+    // back; a write works on a copy, so that a failed write changes nothing.
+    const bool lent = visible && !writes;
+    if (lent)
     {
-        v.entry.reset();
+        v.entry = std::move(source);
+    }
+    else if (visible)
+    {
+        v.entry = source;
     }
 
-    const error_code ec = op(v);
+    error_code ec;
+    try
+    {
+        ec = op(v);
+    }
+    catch (...)
+    {
+        // The lent entry goes back whatever happens to the read.
+        if (lent)
+        {
+            source = std::move(v.entry);
+        }
+        throw;
+    }
+    if (lent)
+    {
+        if (!ec && v.changed)
+        {
+            source = v.entry;
+        }
+        else
+        {
+            source = std::move(v.entry);
+        }
+    }
     if (!ec && v.changed)
     {
         if (v.entry)
@@ -125,7 +166,7 @@ error_code entry_store::apply(const chord::ring_id & key, const zlk::uuid & stam
                 // Built whole: clang takes a nested type with member initialisers for not default
                 // constructible inside its enclosing class.
                 staged fresh{stamp, now, false, std::nullopt};
-                sl.pending = std::move(fresh);
+                sl.pending = std::make_unique<staged>(std::move(fresh));
             }
             sl.pending->value = std::move(v.entry);
         }
@@ -137,7 +178,7 @@ error_code entry_store::apply(const chord::ring_id & key, const zlk::uuid & stam
     }
     if (!sl.committed && !sl.pending)
     {
-        s.slots.erase(key);
+        s.slots.erase(found);
     }
     return ec;
 }
@@ -199,27 +240,93 @@ std::size_t entry_store::size() const
 
 void entry_store::reindex(const chord::ring_id & key, const std::optional<stored_entry> & committed)
 {
-    std::lock_guard lock{_index_mutex};
-    if (!committed)
+    index_change change{key, std::nullopt};
+    if (committed)
     {
-        _index.erase(key);
+        // Built apart and moved in: clang doesn't take the record for default constructible inside
+        // the optional of a nested type.
+        index_record r;
+        r.alias = committed->alias;
+        r.type = committed->type;
+        r.listed_type = static_cast<std::uint8_t>(committed->type);
+        if (committed->type == kernel::entry_type::tag_link && !committed->content.empty())
+        {
+            r.listed_type = committed->content.front();
+        }
+        r.expiry = committed->expiry;
+        change.record = std::move(r);
+    }
+    std::lock_guard lock{_index_mutex};
+    _index_changes.push_back(std::move(change));
+    if (_index_changes.size() >= std::max(min_index_merge, _index.size()))
+    {
+        merge_index_changes();
+    }
+}
+
+void entry_store::merge_index_changes() const
+{
+    if (_index_changes.empty())
+    {
         return;
     }
-    index_record & r = _index[key];
-    r.alias = committed->alias;
-    r.type = committed->type;
-    r.listed_type = static_cast<std::uint8_t>(committed->type);
-    if (committed->type == kernel::entry_type::tag_link && !committed->content.empty())
+    std::stable_sort(_index_changes.begin(), _index_changes.end(),
+                     [](const index_change & a, const index_change & b) { return a.key < b.key; });
+    std::vector<index_entry> merged;
+    merged.reserve(_index.size() + _index_changes.size());
+    auto kept = _index.begin();
+    for (std::size_t i = 0; i < _index_changes.size();)
     {
-        r.listed_type = committed->content.front();
+        // The last change of a key is the one that counts.
+        std::size_t last = i;
+        while (last + 1 < _index_changes.size() && _index_changes[last + 1].key == _index_changes[i].key)
+        {
+            ++last;
+        }
+        index_change & change = _index_changes[last];
+        while (kept != _index.end() && kept->first < change.key)
+        {
+            merged.push_back(std::move(*kept++));
+        }
+        if (kept != _index.end() && kept->first == change.key)
+        {
+            ++kept;
+        }
+        if (change.record)
+        {
+            merged.emplace_back(change.key, std::move(*change.record));
+        }
+        i = last + 1;
     }
-    r.expiry = committed->expiry;
+    std::move(kept, _index.end(), std::back_inserter(merged));
+    _index = std::move(merged);
+    _index_changes.clear();
 }
+
+namespace
+{
+
+template <typename Index>
+auto index_upper_bound(Index & index, const chord::ring_id & key)
+{
+    return std::upper_bound(index.begin(), index.end(), key,
+                            [](const chord::ring_id & k, const auto & e) { return k < e.first; });
+}
+
+template <typename Index>
+auto index_lower_bound(Index & index, const chord::ring_id & key)
+{
+    return std::lower_bound(index.begin(), index.end(), key,
+                            [](const auto & e, const chord::ring_id & k) { return e.first < k; });
+}
+
+} // namespace
 
 void entry_store::visit(const key_arc & arc, const std::function<bool(const summary &)> & f) const
 {
     const timespec now = _now();
     std::lock_guard lock{_index_mutex};
+    merge_index_changes();
     auto visit_range = [&](auto first, auto last)
     {
         for (auto it = first; it != last; ++it)
@@ -237,16 +344,16 @@ void entry_store::visit(const key_arc & arc, const std::function<bool(const summ
         }
         return true;
     };
-    const auto after_predecessor = _index.upper_bound(arc.predecessor);
+    const auto after_predecessor = index_upper_bound(_index, arc.predecessor);
     if (arc.predecessor < arc.self)
     {
-        visit_range(after_predecessor, _index.upper_bound(arc.self));
+        visit_range(after_predecessor, index_upper_bound(_index, arc.self));
         return;
     }
     // The arc goes round through zero (or is the whole ring): its top part first.
     if (visit_range(after_predecessor, _index.end()))
     {
-        visit_range(_index.begin(), _index.upper_bound(arc.self));
+        visit_range(_index.begin(), index_upper_bound(_index, arc.self));
     }
 }
 
@@ -288,6 +395,7 @@ void entry_store::visit_entries(
 std::optional<chord::ring_id> entry_store::neighbour(const key_arc & arc, const chord::ring_id & from,
                                                      bool started, bool backward) const
 {
+    merge_index_changes();
     if (_index.empty())
     {
         return std::nullopt;
@@ -300,7 +408,7 @@ std::optional<chord::ring_id> entry_store::neighbour(const key_arc & arc, const 
             return std::nullopt;
         }
         const chord::ring_id & start = started ? from : arc.predecessor;
-        auto it = _index.upper_bound(start);
+        auto it = index_upper_bound(_index, start);
         if (it == _index.end())
         {
             it = _index.begin();
@@ -316,7 +424,7 @@ std::optional<chord::ring_id> entry_store::neighbour(const key_arc & arc, const 
         return it->first;
     }
     // Circularly before `from` (at or before the arc's end when not started yet), down to its start.
-    auto it = started ? _index.lower_bound(from) : _index.upper_bound(arc.self);
+    auto it = started ? index_lower_bound(_index, from) : index_upper_bound(_index, arc.self);
     if (it == _index.begin())
     {
         it = _index.end();

@@ -14,6 +14,7 @@
 #pragma once
 
 #include <boost/system/error_code.hpp>
+#include <boost/unordered/unordered_flat_map.hpp>
 
 #include <array>
 #include <chrono>
@@ -21,12 +22,14 @@
 #include <cstdint>
 #include <functional>
 #include <map>
+#include <memory>
 #include <mutex>
 #include <optional>
 #include <span>
 #include <string>
 #include <string_view>
 #include <unordered_map>
+#include <utility>
 #include <vector>
 
 #include "entries/entry_type.hpp"
@@ -103,6 +106,8 @@ public:
     // Runs op(view) under the key's lock, in the transaction `stamp` (none: outside any). Answers a
     // kernel conflict without running op when another transaction holds the key and op writes
     // (`writes`) or runs in a transaction. What op returns is the result; a failed op changes nothing.
+    // A read (writes false) is lent the stored entry itself for the call, not a copy: it must leave
+    // the entry as it found it unless it sets `changed`.
     boost::system::error_code apply(const chord::ring_id & key, const zlk::uuid & stamp, bool writes,
                                     const std::function<boost::system::error_code(view &)> & op);
 
@@ -158,7 +163,8 @@ private:
     struct slot
     {
         std::optional<stored_entry> committed;
-        std::optional<staged> pending;
+        // Rare, and large: kept out of line so that the table's slots stay small.
+        std::unique_ptr<staged> pending;
     };
 
     struct key_hash
@@ -172,7 +178,8 @@ private:
     struct shard
     {
         mutable std::mutex mutex;
-        std::unordered_map<chord::ring_id, slot, key_hash> slots;
+        // Open addressing: a look-up touches one group of slots, not a chain of nodes.
+        boost::unordered_flat_map<chord::ring_id, slot, key_hash> slots;
     };
 
     static constexpr std::size_t shard_count = 16;
@@ -190,7 +197,7 @@ private:
     // Brings the index in line with the key's committed entry. Called under the key's shard lock.
     void reindex(const chord::ring_id & key, const std::optional<stored_entry> & committed);
     // The key circularly next to (backward: before) `from` among the indexed ones, if it falls in the
-    // arc's part that the walk may still reach. Under the index lock.
+    // arc's part that the walk may still reach. Under the index lock, changes merged.
     std::optional<chord::ring_id> neighbour(const key_arc & arc, const chord::ring_id & from, bool started,
                                             bool backward) const;
     // The committed live entry of the key, copied.
@@ -201,8 +208,23 @@ private:
     entry_store_limits _limits;
     clock _now;
     std::array<shard, shard_count> _shards;
+    // The index, ordered by key, and the changes not merged into it yet (a change without a record
+    // removes its key; the last change of a key wins). A write only notes its change; the changes
+    // are merged in one sorted pass before a walk reads the index, or once they are as many as the
+    // entries: far cheaper than a tree insertion per write. Both under _index_mutex; mutable because
+    // a walk, which changes nothing that can be seen, merges first.
+    using index_entry = std::pair<chord::ring_id, index_record>;
+    struct index_change
+    {
+        chord::ring_id key;
+        std::optional<index_record> record;
+    };
+    static constexpr std::size_t min_index_merge = 4096;
+    void merge_index_changes() const;
+
     mutable std::mutex _index_mutex;
-    std::map<chord::ring_id, index_record> _index;
+    mutable std::vector<index_entry> _index;
+    mutable std::vector<index_change> _index_changes;
 };
 
 } // namespace zlk::node

@@ -1,8 +1,8 @@
 #include "node/operations.hpp"
 
 #include "log/logger.hpp"
-#include "node/admin_operations.hpp"
 #include "node/address.hpp"
+#include "node/admin_operations.hpp"
 #include "node/entry_operations.hpp"
 #include "node/node_state.hpp"
 #include "node/status.hpp"
@@ -84,7 +84,7 @@ bool operation_registry::any_may_wait() const noexcept
 {
     for (const auto & [number, e] : _handlers)
     {
-        if (e.mode == handler_mode::may_wait)
+        if (e.mode != handler_mode::quick)
         {
             return true;
         }

@@ -76,6 +76,9 @@ enum class handler_mode : std::uint8_t
 {
     quick,
     may_wait,
+    // Blocks only in replicate(): quick on a node without replicas (replication factor 1), so that
+    // the common write is answered where it was read, without a trip through the worker threads.
+    replicates,
 };
 
 class operation_registry

@@ -81,7 +81,12 @@ bool request_processor::may_wait(const protocol::message & request) const noexce
             return false;
         }
         const operation_registry::entry * e = _node.operations().find(r.operation());
-        return e != nullptr && e->mode == handler_mode::may_wait;
+        if (e == nullptr)
+        {
+            return false;
+        }
+        return e->mode == handler_mode::may_wait ||
+               (e->mode == handler_mode::replicates && _node.settings().replication_factor > 1);
     };
     if (const auto * single = std::get_if<chord::chord_carrier_request>(&request))
     {

@@ -8,6 +8,7 @@
 #include <asio/write.hpp>
 
 #include <array>
+#include <cstring>
 #include <future>
 
 #include "log/logger.hpp"
@@ -22,8 +23,9 @@ namespace zlk::node
 using asio::ip::tcp;
 using boost::system::error_code;
 
-// One client connection: read a frame, answer it, read the next. Every step runs on the socket's
-// strand; an answer computed on a worker thread comes back to the strand to be written.
+// One client connection: read a frame, answer it, read the next. Every step runs on the thread of the
+// connection's event loop (one thread per loop, so no strand is needed); an answer computed on a
+// worker thread comes back to that loop to be written.
 class connection : public std::enable_shared_from_this<connection>
 {
 public:
@@ -40,7 +42,7 @@ public:
     {
         std::error_code ignored;
         _socket.set_option(tcp::no_delay(true), ignored);
-        asio::dispatch(_socket.get_executor(), [self = shared_from_this()] { self->read_header(); });
+        asio::dispatch(_socket.get_executor(), [self = shared_from_this()] { self->next_frame(); });
     }
 
     // From any thread.
@@ -56,82 +58,95 @@ public:
     }
 
 private:
-    void read_header()
+    // Bytes after the held ones, as many as the buffer takes: a small request arrives whole in one
+    // read, head and body together.
+    void read_more()
     {
         if (_closed)
         {
             return;
         }
-        _in.resize(protocol::frame_header_size);
-        asio::async_read(_socket, asio::buffer(_in.data(), protocol::frame_header_size),
-                         [self = shared_from_this()](const std::error_code & ec, std::size_t)
-                         { self->on_header(ec); });
+        _socket.async_read_some(asio::buffer(_in.get() + _in_size, _in_capacity - _in_size),
+                                [self = shared_from_this()](const std::error_code & ec, std::size_t n)
+                                { self->on_read(ec, n); });
     }
 
-    void on_header(const std::error_code & ec)
+    void on_read(const std::error_code & ec, std::size_t n)
     {
         if (ec || _closed)
         {
             close_now();
             return;
         }
-        _node.count_in(protocol::frame_header_size);
-        std::uint64_t body_size = 0;
-        switch (_processor.check_header(_in, body_size))
-        {
-        case header_verdict::body_follows:
-            break;
-        case header_verdict::empty_frame:
-            read_header();
-            return;
-        case header_verdict::other_version:
-            log::log(log::level::warning, "node {}: a peer speaks another protocol version", _node.self().id);
-            _faults = _node.faults();
-            _processor.answer_other_version(_out);
-            _after = after_reply::close;
-            send_reply();
-            return;
-        case header_verdict::malformed:
-            log::log(log::level::warning, "node {}: invalid frame header, closing the connection",
-                     _node.self().id);
-            close_now();
-            return;
-        case header_verdict::too_large:
-            log::log(log::level::warning, "node {}: a frame of {} bytes is beyond the input limit of {}",
-                     _node.self().id, serialization::detail::load_le<std::uint64_t>(_in.data() + 4),
-                     _node.settings().max_in_buffer_size);
-            close_now();
-            return;
-        }
-        try
-        {
-            _in.resize(protocol::frame_header_size + static_cast<std::size_t>(body_size));
-        }
-        catch (const std::bad_alloc &)
-        {
-            close_now();
-            return;
-        }
-        asio::async_read(_socket, asio::buffer(_in.data() + protocol::frame_header_size, body_size),
-                         [self = shared_from_this()](const std::error_code & e, std::size_t)
-                         { self->on_body(e); });
+        _in_size += n;
+        next_frame();
     }
 
-    void on_body(const std::error_code & ec)
+    // Answers the frame at the front of the held bytes once it is whole, or reads on.
+    void next_frame()
     {
-        if (ec || _closed)
+        while (_frame_size == 0)
         {
-            close_now();
+            if (_in_size < protocol::frame_header_size)
+            {
+                read_more();
+                return;
+            }
+            _node.count_in(protocol::frame_header_size);
+            std::uint64_t body_size = 0;
+            switch (_processor.check_header(std::span(_in.get(), protocol::frame_header_size), body_size))
+            {
+            case header_verdict::body_follows:
+                break;
+            case header_verdict::empty_frame:
+                consume(protocol::frame_header_size);
+                continue;
+            case header_verdict::other_version:
+                log::log(log::level::warning, "node {}: a peer speaks another protocol version",
+                         _node.self().id);
+                _faults = _node.faults();
+                _processor.answer_other_version(_out);
+                _after = after_reply::close;
+                send_reply();
+                return;
+            case header_verdict::malformed:
+                log::log(log::level::warning, "node {}: invalid frame header, closing the connection",
+                         _node.self().id);
+                close_now();
+                return;
+            case header_verdict::too_large:
+                log::log(log::level::warning, "node {}: a frame of {} bytes is beyond the input limit of {}",
+                         _node.self().id, serialization::detail::load_le<std::uint64_t>(_in.get() + 4),
+                         _node.settings().max_in_buffer_size);
+                close_now();
+                return;
+            }
+            const std::size_t total = protocol::frame_header_size + static_cast<std::size_t>(body_size);
+            if (total > _in_capacity && !reserve_input(total))
+            {
+                close_now();
+                return;
+            }
+            _frame_size = total;
+        }
+        if (_in_size < _frame_size)
+        {
+            read_more();
             return;
         }
-        _node.count_in(_in.size() - protocol::frame_header_size);
+        on_frame();
+    }
+
+    void on_frame()
+    {
+        _node.count_in(_frame_size - protocol::frame_header_size);
         _faults = _node.faults();
         if (_faults->close_after_request)
         {
             close_now();
             return;
         }
-        if (error_code decode_error = _processor.decode(_in, _request))
+        if (error_code decode_error = _processor.decode(std::span(_in.get(), _frame_size), _request))
         {
             log::log(log::level::warning, "node {}: cannot decode a request: {}", _node.self().id,
                      decode_error.message());
@@ -145,6 +160,52 @@ private:
         else
         {
             answer();
+        }
+    }
+
+    // Room for a frame of `total` bytes, keeping the bytes held. Not value-initialised: the socket
+    // fills it.
+    bool reserve_input(std::size_t total)
+    {
+        try
+        {
+            auto larger = std::make_unique_for_overwrite<std::uint8_t[]>(total);
+            std::memcpy(larger.get(), _in.get(), _in_size);
+            _in = std::move(larger);
+            _in_capacity = total;
+            return true;
+        }
+        catch (const std::bad_alloc &)
+        {
+            return false;
+        }
+    }
+
+    // Drops the frame at the front once its reply is out (the request's views point into it until
+    // then). Bytes of a next frame that came with it move to the front.
+    void consume(std::size_t size)
+    {
+        _in_size -= size;
+        if (_in_size != 0)
+        {
+            std::memmove(_in.get(), _in.get() + size, _in_size);
+        }
+        _frame_size = 0;
+        if (_in_capacity > max_kept_input && size <= max_kept_input && _in_size <= default_input)
+        {
+            // A large frame's buffer isn't kept for the small ones that usually follow (and is, when
+            // memory is short). It stays while large frames follow each other, as the groups of a
+            // time-series push do: a fresh buffer for each would fault all its pages in again.
+            try
+            {
+                auto smaller = std::make_unique_for_overwrite<std::uint8_t[]>(default_input);
+                std::memcpy(smaller.get(), _in.get(), _in_size);
+                _in = std::move(smaller);
+                _in_capacity = default_input;
+            }
+            catch (const std::bad_alloc &)
+            {
+            }
         }
     }
 
@@ -258,7 +319,8 @@ private:
         switch (_after)
         {
         case after_reply::read_next:
-            read_header();
+            consume(_frame_size);
+            next_frame();
             return;
         case after_reply::close:
             close_gracefully();
@@ -312,6 +374,9 @@ private:
     }
 
     static constexpr std::size_t drain_limit = 1 << 20;
+    // The input buffer of a connection: what it starts with, and the most it keeps between frames.
+    static constexpr std::size_t default_input = 4096;
+    static constexpr std::size_t max_kept_input = 4 << 20;
 
     server & _server;
     node_state & _node;
@@ -319,7 +384,12 @@ private:
     tcp::socket _socket;
     asio::steady_timer _timer;
 
-    std::vector<std::uint8_t> _in;
+    // The bytes read and not yet consumed: the frame being answered first, and perhaps the start of
+    // the next one. _frame_size is 0 until the first frame's head has been checked.
+    std::unique_ptr<std::uint8_t[]> _in = std::make_unique_for_overwrite<std::uint8_t[]>(default_input);
+    std::size_t _in_capacity = default_input;
+    std::size_t _in_size = 0;
+    std::size_t _frame_size = 0;
     protocol::message _request;
     reply_storage _out;
     std::shared_ptr<const fault_settings> _faults;
@@ -334,6 +404,7 @@ private:
 
 server::server(node_state & state)
     : _state(state)
+    , _io(1)
     , _accept_strand(asio::make_strand(_io))
     , _acceptor(_accept_strand)
 {
@@ -399,8 +470,19 @@ error_code server::start()
     _state.set_stop_handler([this] { request_stop(); });
     _started = true;
 
-    _work.emplace(asio::make_work_guard(_io));
     const unsigned threads = s.threads == 0 ? 1 : s.threads;
+    // One event loop per I/O thread, each connection on one of them: a connection's handlers never
+    // meet another thread, and the loops share no lock.
+    _loops.push_back(&_io);
+    for (unsigned i = 1; i < threads; ++i)
+    {
+        _more_loops.push_back(std::make_unique<asio::io_context>(1));
+        _loops.push_back(_more_loops.back().get());
+    }
+    for (asio::io_context * loop : _loops)
+    {
+        _work.push_back(asio::make_work_guard(*loop));
+    }
     _workers = std::make_unique<asio::thread_pool>(threads);
     if (!_state.faults()->refuse_connections)
     {
@@ -411,21 +493,21 @@ error_code server::start()
         std::error_code ignored;
         _acceptor.close(ignored);
     }
-    for (unsigned i = 0; i < threads; ++i)
+    for (asio::io_context * loop : _loops)
     {
-        _threads.emplace_back([this] { run_io(); });
+        _threads.emplace_back([this, loop] { run_io(*loop); });
     }
     log::log(log::level::info, "node {} listening on {}", _state.self().id, endpoint_text(_bound));
     return {};
 }
 
-void server::run_io() noexcept
+void server::run_io(asio::io_context & loop) noexcept
 {
     for (;;)
     {
         try
         {
-            _io.run();
+            loop.run();
             return;
         }
         catch (const std::exception & x)
@@ -442,8 +524,9 @@ void server::accept()
     {
         return;
     }
+    asio::io_context & loop = *_loops[_next_loop++ % _loops.size()];
     _acceptor.async_accept(
-        asio::make_strand(_io),
+        loop,
         [this](const std::error_code & ec, tcp::socket socket)
         {
             if (ec == asio::error::operation_aborted || !_acceptor.is_open())
@@ -633,7 +716,7 @@ void server::stop()
     }
     // Operations that wait on other nodes end within the peer time limit.
     _workers->join();
-    _work.reset();
+    _work.clear();
     for (std::thread & t : _threads)
     {
         t.join();

@@ -57,7 +57,7 @@ public:
 private:
     boost::system::error_code open_acceptor();
     void accept();
-    void run_io() noexcept;
+    void run_io(asio::io_context & loop) noexcept;
 
     node_state & _state;
     mutable std::mutex _mutex;
@@ -69,8 +69,12 @@ private:
     bool _started = false;
     asio::ip::tcp::endpoint _bound;
 
+    // The first event loop also runs the acceptor; the others exist with more than one I/O thread.
     asio::io_context _io;
-    std::optional<asio::executor_work_guard<asio::io_context::executor_type>> _work;
+    std::vector<std::unique_ptr<asio::io_context>> _more_loops;
+    std::vector<asio::io_context *> _loops;
+    std::size_t _next_loop = 0;
+    std::vector<asio::executor_work_guard<asio::io_context::executor_type>> _work;
     asio::strand<asio::io_context::executor_type> _accept_strand;
     asio::ip::tcp::acceptor _acceptor;
     std::unique_ptr<asio::thread_pool> _workers;

@@ -143,6 +143,45 @@ TEST_F(index_fixture, OnlyCommittedLiveEntriesAreSeen)
     EXPECT_EQ(listed(whole), (std::vector<std::string>{"staged"}));
 }
 
+// Writes reach the index in batches: many writes, rewrites and removals of the same keys between two
+// walks, and more than one batch's worth between others, must read as the store holds them.
+TEST_F(index_fixture, AWalkSeesEveryWriteSinceTheLastOneWhateverTheirNumber)
+{
+    const entry_store::key_arc whole{id(0), id(0)};
+    write(7, "first");
+    EXPECT_EQ(listed(whole), (std::vector<std::string>{"first"}));
+    write(7, "renamed");
+    write(3, "gone");
+    ASSERT_FALSE(store.apply(id(3), {}, true,
+                             [](entry_store::view & v)
+                             {
+                                 v.entry.reset();
+                                 v.changed = true;
+                                 return error_code{};
+                             }));
+    write(3, "back");
+    EXPECT_EQ(listed(whole), (std::vector<std::string>{"back", "renamed"}));
+
+    // Enough keys, in no order, to merge several times on the way.
+    constexpr std::uint64_t n = 20000;
+    for (std::uint64_t i = 0; i < n; ++i)
+    {
+        const std::uint64_t top = (i * 7919) % n + 100;
+        write(top, std::to_string(top));
+    }
+    const std::vector<std::string> all = listed(whole);
+    ASSERT_EQ(all.size(), n + 2);
+    EXPECT_EQ(all[0], "back");
+    EXPECT_EQ(all[1], "renamed");
+    for (std::uint64_t i = 0; i < n; ++i)
+    {
+        ASSERT_EQ(all[i + 2], std::to_string(i + 100));
+    }
+    EXPECT_EQ(listed({id(150), id(152)}), (std::vector<std::string>{"151", "152"}));
+    EXPECT_EQ(stepped({id(n + 97), id(n + 99)}, true),
+              (std::vector<std::string>{std::to_string(n + 99), std::to_string(n + 98)}));
+}
+
 TEST_F(index_fixture, WalksRunSafelyWhileOtherThreadsWriteAndRemove)
 {
     const entry_store::key_arc whole{id(0), id(0)};

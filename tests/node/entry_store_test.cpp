@@ -127,6 +127,35 @@ TEST_F(store_fixture, a_transaction_that_never_ends_releases_its_keys_after_a_wh
     EXPECT_EQ(read(), 3);
 }
 
+// A read is lent the stored entry: whatever it answers, the entry is there as before for the next one.
+TEST_F(store_fixture, reads_leave_the_entry_as_they_found_it)
+{
+    ASSERT_FALSE(write({}, 5));
+    for (const bool fail : {false, true, false})
+    {
+        const error_code ec =
+            store.apply(key, {}, false,
+                        [&](entry_store::view & v)
+                        {
+                            EXPECT_TRUE(v.entry.has_value());
+                            return fail ? make_error_code(kernel::error::incompatible_type) : error_code{};
+                        });
+        EXPECT_EQ(ec.failed(), fail);
+        EXPECT_EQ(read(), 5);
+    }
+    // A read of a key that holds nothing leaves nothing behind either.
+    const chord::ring_id other{{9, 9, 9, 9}};
+    bool seen = true;
+    ASSERT_FALSE(store.apply(other, {}, false,
+                             [&](entry_store::view & v)
+                             {
+                                 seen = v.entry.has_value();
+                                 return error_code{};
+                             }));
+    EXPECT_FALSE(seen);
+    EXPECT_EQ(store.size(), 1u);
+}
+
 TEST_F(store_fixture, a_failed_operation_changes_nothing)
 {
     ASSERT_FALSE(write({}, 1));

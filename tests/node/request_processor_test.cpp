@@ -2,6 +2,8 @@
 #include <gtest/gtest.h>
 #include <nlohmann/json.hpp>
 
+#include "node/entry_operations.hpp"
+#include "node/entry_store.hpp"
 #include "node/node_state.hpp"
 #include "node/request_processor.hpp"
 #include "node/status.hpp"
@@ -236,6 +238,35 @@ TEST_F(processor_test, frames_of_another_version_or_of_reply_kinds_are_refused_a
     EXPECT_EQ(processor.handle_frame(huge, request, out, faults), after_reply::close);
     node_test::bytes empty = node_test::hex_frame_header(protocol::empty_frame_size);
     EXPECT_EQ(processor.handle_frame(empty, request, out, faults), after_reply::read_next);
+}
+
+// An entry write blocks only to reach its replicas: without any it is answered where it was read;
+// with some (and for a copy coming from the owner, never) it goes to the worker threads.
+TEST_F(processor_test, entry_writes_wait_for_workers_only_where_they_have_replicas_to_reach)
+{
+    auto with_entries = std::make_shared<operation_registry>(standard_operations());
+    add_entry_operations(*with_entries, std::make_shared<entry_store>());
+    const auto put = static_cast<std::uint16_t>(protocol::operation::put);
+    const auto get = static_cast<std::uint16_t>(protocol::operation::get);
+    const protocol::message write{node_test::carrier(put, id_of(150))};
+    const protocol::message group{chord::chord_carrier_request_batch{node_test::carrier(get, id_of(150)),
+                                                                     node_test::carrier(put, id_of(150))}};
+    chord::chord_carrier_request copy = node_test::carrier(put, id_of(150));
+    copy.from = member(id_of(100), 7001);
+
+    node_state replicated(settings(), with_entries);
+    const request_processor p(replicated);
+    EXPECT_TRUE(p.may_wait(write));
+    EXPECT_TRUE(p.may_wait(group));
+    EXPECT_FALSE(p.may_wait(protocol::message{node_test::carrier(get, id_of(150))}));
+    EXPECT_FALSE(p.may_wait(protocol::message{copy}));
+
+    node_settings alone = settings();
+    alone.replication_factor = 1;
+    node_state single(alone, with_entries);
+    const request_processor q(single);
+    EXPECT_FALSE(q.may_wait(write));
+    EXPECT_FALSE(q.may_wait(group));
 }
 
 TEST_F(processor_test, node_stop_is_refused_as_disabled_unless_enabled)

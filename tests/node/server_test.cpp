@@ -4,6 +4,7 @@
 
 #include <thread>
 
+#include "api/error_categories.hpp"
 #include "node/local_cluster.hpp"
 #include "node_test_support.hpp"
 
@@ -131,6 +132,67 @@ TEST(node_server, stopping_closes_open_connections_even_mid_frame_or_with_a_repl
     EXPECT_EQ(n.open_connections(), 0u);
     raw_client late(n.endpoint());
     EXPECT_TRUE(late.connect_error);
+}
+
+// Frames arrive as the network cuts them: several in one segment, one across many, a large one after
+// small ones. Each is answered in turn, whatever the cut.
+TEST(node_server, answers_frames_however_they_are_cut_into_reads)
+{
+    local_cluster cluster(1);
+    const chord::arc expected = cluster.at(0).ring()->arc_at(0);
+    raw_client c(cluster.endpoint(0));
+    const node_test::bytes ping = node_test::frame_of(chord::chord_request_ping{});
+
+    auto read_pings = [&](std::size_t n)
+    {
+        for (std::size_t i = 0; i < n; ++i)
+        {
+            node_test::bytes frame;
+            ASSERT_FALSE(c.client.receive_frame(frame));
+            protocol::message reply;
+            ASSERT_FALSE(protocol::read_frame(frame, reply, {}));
+            ASSERT_TRUE(std::holds_alternative<chord::arc>(reply));
+            EXPECT_EQ(std::get<chord::arc>(reply), expected);
+        }
+    };
+
+    // Three whole frames and an empty one (answered with nothing) in one write.
+    node_test::bytes three;
+    for (int i = 0; i < 3; ++i)
+    {
+        three.insert(three.end(), ping.begin(), ping.end());
+        if (i == 1)
+        {
+            const node_test::bytes empty = node_test::hex_frame_header(protocol::empty_frame_size);
+            three.insert(three.end(), empty.begin(), empty.end());
+        }
+    }
+    ASSERT_FALSE(c.client.send_bytes(three));
+    read_pings(3);
+
+    // One frame a byte at a time, its head included.
+    for (const std::uint8_t b : ping)
+    {
+        ASSERT_FALSE(c.client.send_bytes(std::span(&b, 1)));
+    }
+    read_pings(1);
+
+    // A frame far larger than the connection's first buffer, then a small one in the same write.
+    const node_test::bytes big_content(300000, 0x5A);
+    chord::chord_carrier_request unknown =
+        node_test::carrier(0xFFF0, {}, node_test::bytes(big_content.begin(), big_content.end()), 1);
+    node_test::bytes two = node_test::frame_of(protocol::message{unknown});
+    two.insert(two.end(), ping.begin(), ping.end());
+    ASSERT_FALSE(c.client.send_bytes(two));
+    node_test::bytes frame;
+    ASSERT_FALSE(c.client.receive_frame(frame));
+    protocol::message reply;
+    ASSERT_FALSE(protocol::read_frame(frame, reply, {}));
+    ASSERT_TRUE(std::holds_alternative<chord::chord_carrier_reply>(reply));
+    EXPECT_EQ(std::get<chord::chord_carrier_reply>(reply).result.error,
+              make_error_code(kernel::error::unknown_message));
+    read_pings(1);
+    EXPECT_EQ(cluster.at(0).open_connections(), 1u);
 }
 
 TEST(node_server, node_stop_stops_a_node_that_allows_it)
