@@ -17,21 +17,28 @@ namespace
 using zlk::api::api_call;
 namespace client = zlk::client;
 
-// Hands content to the caller, tracked under its own address; empty content gives null.
-void hand_out(zlk_session & h, std::vector<std::uint8_t> & content, const void *& at, size_t & length)
+// Hands content to the caller, tracked under its own address: the decompressed bytes, or a view of
+// the received reply kept alive by the tracker. Empty content gives null.
+void hand_out(zlk_session & h, client::batch_result & r, const void *& at, size_t & length)
 {
     at = nullptr;
     length = 0;
-    if (content.empty())
+    if (!r.decompressed.empty())
+    {
+        const void * data = r.decompressed.data();
+        const std::size_t size = r.decompressed.size();
+        h.objects_tracker.track(data, r.decompressed, "associated buffer");
+        at = data;
+        length = size;
+        return;
+    }
+    if (r.view.empty() || !r.frame)
     {
         return;
     }
-    auto owned = std::make_unique<std::vector<std::uint8_t>>(std::move(content));
-    const void * data = owned->data();
-    const std::size_t size = owned->size();
-    h.objects_tracker.track(data, owned, "associated buffer");
-    at = data;
-    length = size;
+    h.objects_tracker.track(r.view.data(), r.frame, "associated buffer");
+    at = r.view.data();
+    length = r.view.size();
 }
 
 // Copies one record's result into the caller's record.
@@ -44,16 +51,16 @@ void write_back(zlk_session & h, zlk_operation_t & op, client::batch_result & r)
     case zlk_op_blob_get:
         if (ZLK_SUCCESS(r.status))
         {
-            hand_out(h, r.content, f.blob_get.content, f.blob_get.content_length);
+            hand_out(h, r, f.blob_get.content, f.blob_get.content_length);
         }
         break;
     case zlk_op_blob_cas:
-        hand_out(h, r.content, f.blob_cas.original_content, f.blob_cas.original_content_length);
+        hand_out(h, r, f.blob_cas.original_content, f.blob_cas.original_content_length);
         break;
     case zlk_op_blob_get_and_update:
         if (ZLK_SUCCESS(r.status))
         {
-            hand_out(h, r.content, f.blob_get_and_update.original_content,
+            hand_out(h, r, f.blob_get_and_update.original_content,
                      f.blob_get_and_update.original_content_length);
         }
         break;

@@ -1,5 +1,6 @@
 // zlk_blob_*: blob entries.
 #include <cstring>
+#include <vector>
 
 #include "api/call_frame.hpp"
 #include "api/entry_support.hpp"
@@ -16,6 +17,9 @@ using zlk::api::send_entry_request;
 using zlk::protocol::operation;
 namespace client = zlk::client;
 
+// The largest compression buffer a thread keeps between writes.
+constexpr std::size_t max_kept_compression = 1 << 20;
+
 zlk_error_t write_blob(zlk_handle_t handle, const char * name, operation op, const char * alias,
                        const void * content, size_t length, zlk_time_t expiry)
 {
@@ -28,10 +32,24 @@ zlk_error_t write_blob(zlk_handle_t handle, const char * name, operation op, con
                             {
                                 const auto entry = checked_entry(alias);
                                 zlk::api::check_content(content, length, "blob");
-                                const client::outgoing_content out =
-                                    client::prepare_content(content, length, compression_enabled(*handle));
+                                // The compressed form lives until the reply is in: one buffer per
+                                // thread, reused, so that a write allocates nothing of its own.
+                                thread_local std::vector<std::uint8_t> compressed;
+                                const client::content_bytes out = client::prepare_content(
+                                    content, length, compression_enabled(*handle), compressed);
+                                struct shrink_after
+                                {
+                                    ~shrink_after()
+                                    {
+                                        if (compressed.capacity() > max_kept_compression)
+                                        {
+                                            std::vector<std::uint8_t>().swap(compressed);
+                                        }
+                                    }
+                                } shrink;
+                                client::body_storage storage;
                                 auto body = [&]
-                                { return client::blob_write_body(op, entry.bytes, out.bytes, expiry); };
+                                { return client::blob_write_body(op, entry.bytes, out, expiry, storage); };
                                 const std::uint16_t access = op == operation::put ? client::access_put : 0;
                                 zlk::chord::owner_reply reply;
                                 const zlk_error_t r =
@@ -71,69 +89,73 @@ zlk_error_t zlk_blob_update(zlk_handle_t handle, const char * alias, const void 
 zlk_error_t zlk_blob_get(zlk_handle_t handle, const char * alias, const void ** content,
                          size_t * content_length) noexcept
 {
-    return api_call(
-        handle, "zlk_blob_get",
-        [&]() -> zlk_error_t
-        {
-            if (!content || !content_length)
-            {
-                throw zlk_e_invalid_argument;
-            }
-            *content = nullptr;
-            *content_length = 0;
-            return zlk::api::run_with_retries(
-                *handle,
-                [&]() -> zlk_error_t
-                {
-                    const auto entry = checked_entry(alias, true);
-                    auto body = [] { return client::get_body(0, 0, zlk::kernel::entry_type::blob); };
-                    zlk::chord::owner_reply reply;
-                    const zlk_error_t r = send_entry_request(*handle, entry.key, 0, true, true, body, reply);
-                    if (ZLK_SUCCESS(r))
+    return api_call(handle, "zlk_blob_get",
+                    [&]() -> zlk_error_t
                     {
-                        zlk::api::hand_out_content(*handle, reply, content, content_length);
-                    }
-                    return r;
-                });
-        });
+                        if (!content || !content_length)
+                        {
+                            throw zlk_e_invalid_argument;
+                        }
+                        *content = nullptr;
+                        *content_length = 0;
+                        return zlk::api::run_with_retries(
+                            *handle,
+                            [&]() -> zlk_error_t
+                            {
+                                const auto entry = checked_entry(alias, true);
+                                client::body_storage storage;
+                                auto body = [&]
+                                { return client::get_body(0, 0, zlk::kernel::entry_type::blob, storage); };
+                                zlk::chord::owner_reply reply;
+                                const zlk_error_t r =
+                                    send_entry_request(*handle, entry.key, 0, true, true, body, reply);
+                                if (ZLK_SUCCESS(r))
+                                {
+                                    zlk::api::hand_out_content(*handle, reply, content, content_length);
+                                }
+                                return r;
+                            });
+                    });
 }
 
 zlk_error_t zlk_blob_get_noalloc(zlk_handle_t handle, const char * alias, void * destination,
                                  size_t * destination_length) noexcept
 {
-    return api_call(
-        handle, "zlk_blob_get_noalloc",
-        [&]() -> zlk_error_t
-        {
-            zlk::api::check_not_null(destination, "blob destination");
-            zlk::api::check_not_null(destination_length, "blob length");
-            return zlk::api::run_with_retries(
-                *handle,
-                [&]() -> zlk_error_t
-                {
-                    const auto entry = checked_entry(alias, true);
-                    auto body = [] { return client::get_body(0, 0, zlk::kernel::entry_type::blob); };
-                    zlk::chord::owner_reply reply;
-                    const zlk_error_t r = send_entry_request(*handle, entry.key, 0, true, true, body, reply);
-                    if (ZLK_FAILURE(r))
+    return api_call(handle, "zlk_blob_get_noalloc",
+                    [&]() -> zlk_error_t
                     {
-                        return r;
-                    }
-                    std::vector<std::uint8_t> scratch;
-                    const auto bytes = zlk::api::reply_content(reply, scratch);
-                    const std::size_t room = *destination_length;
-                    *destination_length = bytes.size();
-                    if (bytes.size() > room)
-                    {
-                        return zlk_e_buffer_too_small;
-                    }
-                    if (!bytes.empty())
-                    {
-                        std::memcpy(destination, bytes.data(), bytes.size());
-                    }
-                    return zlk_e_ok;
-                });
-        });
+                        zlk::api::check_not_null(destination, "blob destination");
+                        zlk::api::check_not_null(destination_length, "blob length");
+                        return zlk::api::run_with_retries(
+                            *handle,
+                            [&]() -> zlk_error_t
+                            {
+                                const auto entry = checked_entry(alias, true);
+                                client::body_storage storage;
+                                auto body = [&]
+                                { return client::get_body(0, 0, zlk::kernel::entry_type::blob, storage); };
+                                zlk::chord::owner_reply reply;
+                                const zlk_error_t r =
+                                    send_entry_request(*handle, entry.key, 0, true, true, body, reply);
+                                if (ZLK_FAILURE(r))
+                                {
+                                    return r;
+                                }
+                                std::vector<std::uint8_t> scratch;
+                                const auto bytes = zlk::api::reply_content(reply, scratch);
+                                const std::size_t room = *destination_length;
+                                *destination_length = bytes.size();
+                                if (bytes.size() > room)
+                                {
+                                    return zlk_e_buffer_too_small;
+                                }
+                                if (!bytes.empty())
+                                {
+                                    std::memcpy(destination, bytes.data(), bytes.size());
+                                }
+                                return zlk_e_ok;
+                            });
+                    });
 }
 
 zlk_error_t zlk_blob_get_and_update(zlk_handle_t handle, const char * alias, const void * new_content,

@@ -146,16 +146,16 @@ void hand_out_content(zlk_session & h, const chord::owner_reply & reply, const v
     {
         return;
     }
-    std::vector<std::uint8_t> scratch;
-    if (protocol::decompress_content(stored, scratch))
+    std::vector<std::uint8_t> decompressed;
+    if (protocol::decompress_content(stored, decompressed))
     {
-        if (scratch.empty())
+        if (decompressed.empty())
         {
             throw zlk_e_invalid_reply;
         }
-        auto decompressed = std::make_unique<std::vector<std::uint8_t>>(std::move(scratch));
-        const void * at = decompressed->data();
-        const std::size_t size = decompressed->size();
+        // The tracker keeps the vector itself: its bytes are the one allocation.
+        const void * at = decompressed.data();
+        const std::size_t size = decompressed.size();
         h.objects_tracker.track(at, decompressed, "associated buffer");
         *content = at;
         *length = size;

@@ -14,18 +14,41 @@ namespace
 
 void destroy(const objects_tracker::tracked_object & o) noexcept
 {
-    o.deleter(o.object);
+    if (o.deleter != nullptr)
+    {
+        o.deleter(o.object);
+    }
 }
 
 } // namespace
 
-void objects_tracker::track_raw(const void * key, const tracked_object & object)
+void objects_tracker::track(const void * key, std::vector<std::uint8_t> & bytes, const char * label)
 {
     table_type::accessor entry;
     const bool created = _table.insert(entry, key);
     try
     {
-        entry->second.push_back(object);
+        entry->second.push_back(tracked_object{nullptr, nullptr, label, std::vector<std::uint8_t>{}});
+    }
+    catch (...)
+    {
+        if (created)
+        {
+            _table.erase(entry);
+        }
+        throw;
+    }
+    // Stored: now the bytes move in, which neither allocates nor throws, and keeps their address.
+    std::get<std::vector<std::uint8_t>>(entry->second.back().held) = std::move(bytes);
+}
+
+void objects_tracker::track_raw(const void * key, tracked_object && object)
+{
+    table_type::accessor entry;
+    const bool created = _table.insert(entry, key);
+    try
+    {
+        entry->second.push_back(std::move(object));
     }
     catch (...)
     {

@@ -10,8 +10,11 @@
 #include <tbb/concurrent_hash_map.h>
 
 #include <cstddef>
+#include <cstdint>
 #include <memory>
 #include <utility>
+#include <variant>
+#include <vector>
 
 namespace zlk::api
 {
@@ -21,12 +24,19 @@ class objects_tracker
 public:
     using deleter_type = void (*)(void *) noexcept;
 
+    // What a tracked object may hold in place, so that tracking it costs no allocation of its own: a
+    // share of a received buffer (a view handed out), or a byte vector (decompressed content).
+    using held_in_place =
+        std::variant<std::monostate, std::shared_ptr<const void>, std::vector<std::uint8_t>>;
+
     struct tracked_object
     {
+        // Destroyed by deleter when not null; what is held in place goes with the object itself.
         void * object;
         deleter_type deleter;
         // A constant text, e.g. "copied buffer"; names the object in the destruction report.
         const char * label;
+        held_in_place held;
     };
 
     objects_tracker() = default;
@@ -41,14 +51,14 @@ public:
     template <typename T>
     void track(const void * key, std::unique_ptr<T> & object, const char * label)
     {
-        track_raw(key, {object.get(), &delete_one<T>, label});
+        track_raw(key, {object.get(), &delete_one<T>, label, {}});
         object.release();
     }
 
     template <typename T>
     void track(const void * key, std::unique_ptr<T[]> & object, const char * label)
     {
-        track_raw(key, {object.get(), &delete_array<T>, label});
+        track_raw(key, {object.get(), &delete_array<T>, label, {}});
         object.release();
     }
 
@@ -56,9 +66,12 @@ public:
     template <typename T>
     void track(const void * key, const std::shared_ptr<T> & object, const char * label)
     {
-        auto owner = std::make_unique<std::shared_ptr<T>>(object);
-        track(key, owner, label);
+        track_raw(key, {nullptr, nullptr, label, std::shared_ptr<const void>(object)});
     }
+
+    // Takes the bytes over (moved in once the entry is stored; left with the caller if this throws).
+    // The key is usually their address, which the move keeps.
+    void track(const void * key, std::vector<std::uint8_t> & bytes, const char * label);
 
     // Destroys everything under key. A null or unknown key does nothing.
     void release(const void * key) noexcept;
@@ -87,7 +100,7 @@ private:
     using object_list = boost::container::small_vector<tracked_object, 1>;
     using table_type = tbb::concurrent_hash_map<const void *, object_list>;
 
-    void track_raw(const void * key, const tracked_object & object);
+    void track_raw(const void * key, tracked_object && object);
     void report_leftovers() const noexcept;
 
     table_type _table;

@@ -17,6 +17,8 @@ namespace
 {
 
 constexpr std::size_t max_alias_length = 1024;
+// The largest compression buffer a thread keeps from one record to the next.
+constexpr std::size_t max_kept_compression = 1 << 20;
 constexpr unsigned char reserved_mark[2] = {0xC0, 0x80};
 
 // The relaxed alias check of batches: a status, never a throw.
@@ -86,9 +88,22 @@ zlk_error_t prepare_batch_record(const zlk_operation_t & op, std::size_t index, 
         {
             return zlk_e_invalid_argument;
         }
-        out.first = prepare_content(p.content, p.content_length, compress);
-        out.body = blob_write_body(op.type == zlk_op_blob_put ? operation::put : operation::update, alias,
-                                   out.first.bytes, p.expiry_time);
+        const operation op_number = op.type == zlk_op_blob_put ? operation::put : operation::update;
+        // The body takes a copy of its fields, the content included: its compressed form is needed only
+        // while the body is built, in a buffer of the thread's that the next record reuses.
+        thread_local std::vector<std::uint8_t> compressed;
+        const content_bytes content = prepare_content(p.content, p.content_length, compress, compressed);
+        out.body = blob_write_body(op_number, alias, content, p.expiry_time);
+        if (out.body.scattered() && content.data() == compressed.data())
+        {
+            // A body that points at its content needs the compressed bytes for as long as it lives.
+            out.first = prepare_content(p.content, p.content_length, compress);
+            out.body = blob_write_body(op_number, alias, out.first.bytes, p.expiry_time);
+        }
+        if (compressed.capacity() > max_kept_compression)
+        {
+            std::vector<std::uint8_t>().swap(compressed);
+        }
         if (op.type == zlk_op_blob_put)
         {
             out.required_access |= access_put;
@@ -207,7 +222,8 @@ zlk_error_t group_batch(chord::cluster & c, const std::vector<batch_item> & item
     return zlk_e_ok;
 }
 
-void read_batch_reply(zlk_operation_type_t type, const protocol::result & reply, batch_result & out)
+void read_batch_reply(zlk_operation_type_t type, const protocol::result & reply,
+                      const std::shared_ptr<received_buffer> & frame, batch_result & out)
 {
     out.status = reply.error ? make_error_from_code(reply.error, remote_origin) : zlk_e_ok;
     out.value = reply.value;
@@ -220,9 +236,11 @@ void read_batch_reply(zlk_operation_type_t type, const protocol::result & reply,
     if (kind_has_content(type) && !stored.empty() && type != zlk_op_entry_info &&
         type != zlk_op_entry_info_of)
     {
-        if (!protocol::decompress_content(stored, out.content))
+        if (!protocol::decompress_content(stored, out.decompressed))
         {
-            out.content.assign(stored.begin(), stored.end());
+            // Handed out where it lies: the record's view keeps the whole reply alive.
+            out.view = stored;
+            out.frame = frame;
         }
     }
 }
@@ -237,9 +255,10 @@ struct update_results_batch_policy
     const std::vector<zlk_operation_type_t> * types;
 
     boost::system::error_code on_reply(const request_record & record,
-                                       const chord::chord_carrier_reply & reply)
+                                       const chord::chord_carrier_reply & reply,
+                                       const std::shared_ptr<received_buffer> & frame)
     {
-        read_batch_reply((*types)[record.slot], reply.result, (*results)[record.slot]);
+        read_batch_reply((*types)[record.slot], reply.result, frame, (*results)[record.slot]);
         return {};
     }
 };

@@ -6,9 +6,11 @@
 #include <atomic>
 #include <cstddef>
 #include <cstdint>
+#include <memory>
 #include <span>
 #include <vector>
 
+#include "api/buffer.hpp"
 #include "entries/entry_requests.hpp"
 #include "ring/routing.hpp"
 #include "zlk/batch.h"
@@ -32,8 +34,11 @@ struct batch_item
 struct batch_result
 {
     zlk_error_t status = zlk_e_operation_skipped;
-    // Decompressed content when the kind hands content out.
-    std::vector<std::uint8_t> content;
+    // Content, when the kind hands content out: decompressed into `decompressed`, or else a view of
+    // the received reply (`view`), which `frame` keeps alive.
+    std::vector<std::uint8_t> decompressed;
+    std::span<const std::uint8_t> view;
+    std::shared_ptr<const received_buffer> frame;
     std::uint64_t value = 0;
 };
 
@@ -61,8 +66,10 @@ zlk_error_t run_batch_groups(chord::cluster & c, std::vector<node_group> & group
                              std::vector<batch_result> & results,
                              const std::vector<zlk_operation_type_t> & types);
 
-// Reads one reply of a record into its result: the translated status, the content (decompressed), the
-// value; zlk_e_ok_created for an update that created.
-void read_batch_reply(zlk_operation_type_t type, const protocol::result & reply, batch_result & out);
+// Reads one reply of a record into its result: the translated status, the content (decompressed, or a
+// view into `frame`, the received reply that holds it), the value; zlk_e_ok_created for an update that
+// created.
+void read_batch_reply(zlk_operation_type_t type, const protocol::result & reply,
+                      const std::shared_ptr<received_buffer> & frame, batch_result & out);
 
 } // namespace zlk::client

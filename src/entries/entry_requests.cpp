@@ -1,8 +1,11 @@
 #include "entries/entry_requests.hpp"
 
+#include <cstring>
+
 #include "api/error_categories.hpp"
 #include "wire/content_compression.hpp"
 #include "wire/marshal.hpp"
+#include "wire/operations.hpp"
 
 namespace zlk::client
 {
@@ -24,6 +27,46 @@ void put_expiry(writer & w, zlk_time_t expiry)
     w.put_varint(static_cast<std::uint64_t>(t.tv_nsec));
 }
 
+// build_operation_body, into the caller's storage when the whole body fits there.
+template <typename WriteFields>
+operation_body build_in(body_storage & storage, operation op, std::size_t fields_bound,
+                        WriteFields && write_fields) noexcept
+{
+    const std::size_t bound = sizeof(std::uint16_t) + fields_bound;
+    if (bound > protocol::detail::stack_body_scratch)
+    {
+        return build_operation_body(op, fields_bound, write_fields);
+    }
+    try
+    {
+        std::array<std::uint8_t, protocol::detail::stack_body_scratch> scratch;
+        serialization::small_scatter<8> scatter;
+        writer w(scatter, std::span<std::uint8_t>(scratch).first(bound));
+        w.put_u16(static_cast<std::uint16_t>(op));
+        write_fields(w);
+        const std::size_t size = scatter.total_size();
+        if (size > storage.bytes.size())
+        {
+            return protocol::detail::finish_operation_body(scatter, op);
+        }
+        std::uint8_t * at = storage.bytes.data();
+        for (const serialization::scatter_entry & e : scatter)
+        {
+            std::memcpy(at, e.data, e.size);
+            at += e.size;
+        }
+        operation_body body;
+        body.operation_class = static_cast<std::uint64_t>(protocol::class_of(op));
+        body.data = storage.bytes.data();
+        body.size = size;
+        return body;
+    }
+    catch (const std::bad_alloc &)
+    {
+        return protocol::detail::out_of_memory_body();
+    }
+}
+
 } // namespace
 
 outgoing_content prepare_content(const void * data, std::size_t size, bool compress)
@@ -41,6 +84,17 @@ outgoing_content prepare_content(const void * data, std::size_t size, bool compr
     return out;
 }
 
+content_bytes prepare_content(const void * data, std::size_t size, bool compress,
+                              std::vector<std::uint8_t> & scratch)
+{
+    const content_bytes raw(static_cast<const std::uint8_t *>(data), size);
+    if (compress && size != 0 && protocol::compress_content(raw, true, scratch))
+    {
+        return scratch;
+    }
+    return raw;
+}
+
 operation_body get_body(std::uint64_t offset, std::uint64_t length, kernel::entry_type kind) noexcept
 {
     return build_operation_body(operation::get, 2 * varint + 1,
@@ -50,6 +104,30 @@ operation_body get_body(std::uint64_t offset, std::uint64_t length, kernel::entr
                                     w.put_varint(length);
                                     w.put_u8(static_cast<std::uint8_t>(kind));
                                 });
+}
+
+operation_body get_body(std::uint64_t offset, std::uint64_t length, kernel::entry_type kind,
+                        body_storage & storage) noexcept
+{
+    return build_in(storage, operation::get, 2 * varint + 1,
+                    [&](writer & w)
+                    {
+                        w.put_varint(offset);
+                        w.put_varint(length);
+                        w.put_u8(static_cast<std::uint8_t>(kind));
+                    });
+}
+
+operation_body blob_write_body(operation op, alias_bytes alias, content_bytes content, zlk_time_t expiry,
+                               body_storage & storage) noexcept
+{
+    return build_in(storage, op, 4 * varint,
+                    [&](writer & w)
+                    {
+                        w.put_bytes(alias);
+                        w.put_bytes(content);
+                        put_expiry(w, expiry);
+                    });
 }
 
 operation_body blob_write_body(operation op, alias_bytes alias, content_bytes content,

@@ -3,6 +3,7 @@
 // information. The exported functions (api/) check arguments, call these and hand results over.
 #pragma once
 
+#include <array>
 #include <cstddef>
 #include <cstdint>
 #include <memory>
@@ -52,12 +53,29 @@ struct outgoing_content
 
 outgoing_content prepare_content(const void * data, std::size_t size, bool compress);
 
+// The same with the compressed form written into `scratch`, which the caller keeps until the reply is
+// in and may reuse from call to call.
+content_bytes prepare_content(const void * data, std::size_t size, bool compress,
+                              std::vector<std::uint8_t> & scratch);
+
+// Room for the body of a request answered within the call that builds it (a single-entry operation):
+// a body that fits is written here and owns no buffer; a larger one gets its own as usual.
+struct body_storage
+{
+    std::array<std::uint8_t, 1024> bytes;
+};
+
 // The bodies, by operation. Each is built anew per attempt; none throws.
 protocol::operation_body get_body(std::uint64_t offset, std::uint64_t length,
                                   kernel::entry_type kind) noexcept;
+// The same in the caller's storage, which must outlive the request.
+protocol::operation_body get_body(std::uint64_t offset, std::uint64_t length, kernel::entry_type kind,
+                                  body_storage & storage) noexcept;
 // put or update.
 protocol::operation_body blob_write_body(protocol::operation op, alias_bytes alias, content_bytes content,
                                          zlk_time_t expiry) noexcept;
+protocol::operation_body blob_write_body(protocol::operation op, alias_bytes alias, content_bytes content,
+                                         zlk_time_t expiry, body_storage & storage) noexcept;
 // int_put or int_update.
 protocol::operation_body int_write_body(protocol::operation op, alias_bytes alias, std::int64_t value,
                                         zlk_time_t expiry) noexcept;

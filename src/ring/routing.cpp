@@ -75,6 +75,7 @@ chord_carrier_request make_carrier(const ring_id & key, std::uint64_t client_id,
     carrier.valid = 1;
     carrier.operation_class = body.operation_class;
     carrier.body = body.bytes();
+    carrier.body_pieces = body.pieces;
     carrier.body_owner = body.owner;
     return carrier;
 }

@@ -12,6 +12,8 @@
 //
 //     struct my_policy
 //     {
+//         // (A policy that keeps views of a reply may take the received buffer as a third argument,
+//         // const std::shared_ptr<received_buffer> &, on the asynchronous path.)
 //         // Optional: false when the operation answers no content (content is then an invalid reply).
 //         static constexpr bool has_content = true;
 //         // Reads one reply into the caller's record `record.slot`. Runs on the event-loop thread for
@@ -284,8 +286,19 @@ struct node_request_batch_completion
             return check.error;
         }
         error_detail first;
-        auto read = [this](const request_record & rec, const chord::chord_carrier_reply & rep)
-        { return policy->on_reply(rec, rep); };
+        // A policy that hands content out as views of the reply takes the received buffer too.
+        auto read = [this, &r](const request_record & rec, const chord::chord_carrier_reply & rep)
+        {
+            if constexpr (requires { policy->on_reply(rec, rep, r.buffer); })
+            {
+                return policy->on_reply(rec, rep, r.buffer);
+            }
+            else
+            {
+                static_cast<void>(r);
+                return policy->on_reply(rec, rep);
+            }
+        };
         for (std::size_t i = 0; i < replies->size(); ++i)
         {
             const error_detail d = chord::detail::treat_carrier_reply(

@@ -88,6 +88,52 @@ TEST(batches, mixed_records_across_all_nodes_each_get_their_own_status_and_the_c
     EXPECT_EQ(reads[30].error, zlk_e_alias_not_found);
 }
 
+// Read records hand out views of the reply that brought them (raw content) or their own decompressed
+// bytes: each stays readable until its own release, whatever happens to the others and to later
+// batches, and all of them are freed by their releases.
+TEST(batches, contents_read_stay_readable_until_each_is_released)
+{
+    connected_cluster c(1);
+    const std::string raw = "short enough to go uncompressed";
+    const std::string packed(4096, 'z');
+    ASSERT_EQ(zlk_blob_put(c.h, "raw.1", raw.data(), raw.size(), 0), zlk_e_ok);
+    ASSERT_EQ(zlk_blob_put(c.h, "raw.2", raw.data(), raw.size(), 0), zlk_e_ok);
+    ASSERT_EQ(zlk_blob_put(c.h, "packed", packed.data(), packed.size(), 0), zlk_e_ok);
+    ASSERT_EQ(zlk_blob_put(c.h, "empty", nullptr, 0, 0), zlk_e_ok);
+
+    auto reads = records(4);
+    const char * names[] = {"raw.1", "raw.2", "packed", "empty"};
+    for (int i = 0; i < 4; ++i)
+    {
+        reads[i].type = zlk_op_blob_get;
+        reads[i].alias = names[i];
+    }
+    ASSERT_EQ(zlk_run_batch(c.h, reads.data(), reads.size()), 4u);
+    auto text = [](const zlk_operation_t & op)
+    {
+        return std::string(static_cast<const char *>(op.fields.blob_get.content),
+                           op.fields.blob_get.content_length);
+    };
+    EXPECT_EQ(reads[3].fields.blob_get.content, nullptr);
+    EXPECT_EQ(reads[3].fields.blob_get.content_length, 0u);
+    EXPECT_EQ(text(reads[1]), raw);
+    EXPECT_EQ(text(reads[2]), packed);
+    EXPECT_EQ(c.h->objects_tracker.key_count(), 3u);
+
+    // Another batch in between, then the siblings go first: the first view still reads right.
+    auto again = records(1);
+    again[0].type = zlk_op_blob_get;
+    again[0].alias = "raw.2";
+    ASSERT_EQ(zlk_run_batch(c.h, again.data(), again.size()), 1u);
+    EXPECT_EQ(text(again[0]), raw);
+    zlk_release(c.h, again[0].fields.blob_get.content);
+    zlk_release(c.h, reads[2].fields.blob_get.content);
+    zlk_release(c.h, reads[1].fields.blob_get.content);
+    EXPECT_EQ(text(reads[0]), raw);
+    zlk_release(c.h, reads[0].fields.blob_get.content);
+    EXPECT_EQ(c.h->objects_tracker.key_count(), 0u);
+}
+
 TEST(batches, preparation_stops_at_a_bad_record_and_leaves_the_rest_skipped)
 {
     connected_cluster c(1);
