@@ -316,7 +316,6 @@ zlk_error_t pusher::send(const send_group & g, std::vector<request_outcome> & ou
         }
         client::request_record r;
         r.request = chord::make_carrier(key, i, 0, body);
-        r.request.body_pieces = body.pieces;
         r.slot = i;
         at->records.push_back(std::move(r));
     }
