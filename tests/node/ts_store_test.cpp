@@ -18,7 +18,7 @@ namespace
 
 using kernel::column_type;
 
-std::vector<std::uint8_t> int64_bytes(std::initializer_list<std::int64_t> values)
+std::vector<std::uint8_t> int64_bytes(const std::vector<std::int64_t> & values)
 {
     std::vector<std::uint8_t> out(values.size() * 8);
     std::size_t i = 0;
@@ -29,12 +29,11 @@ std::vector<std::uint8_t> int64_bytes(std::initializer_list<std::int64_t> values
     return out;
 }
 
-boost::system::error_code merge_int64(ts_bucket & b, std::initializer_list<std::int64_t> offsets,
-                                      std::initializer_list<std::int64_t> values)
+boost::system::error_code merge_int64(ts_bucket & b, const std::vector<std::int64_t> & offsets,
+                                      const std::vector<std::int64_t> & values)
 {
-    const std::vector<std::int64_t> o(offsets);
     const auto v = int64_bytes(values);
-    return b.merge(0, column_type::int64, o, ts_incoming_values{v, {}});
+    return b.merge(0, column_type::int64, offsets, ts_incoming_values{v, {}});
 }
 
 TEST(ts_bucket, rows_merge_in_time_order_and_equal_times_keep_their_arrival_order)
@@ -59,25 +58,24 @@ TEST(ts_bucket, rows_after_the_last_are_appended_and_negative_offsets_sort_first
 }
 
 // The same rows through merge_received, their offsets one byte off alignment as in a request.
-boost::system::error_code merge_received_int64(ts_bucket & b, std::initializer_list<std::int64_t> offsets,
-                                               std::initializer_list<std::int64_t> values)
+boost::system::error_code merge_received_int64(ts_bucket & b, const std::vector<std::int64_t> & offsets,
+                                               const std::vector<std::int64_t> & values)
 {
     const auto bytes = int64_bytes(offsets);
     std::vector<std::uint8_t> shifted(bytes.size() + 1);
-    std::memcpy(shifted.data() + 1, bytes.data(), bytes.size());
+    std::copy(bytes.begin(), bytes.end(), shifted.begin() + 1);
     const auto v = int64_bytes(values);
     return b.merge_received(0, column_type::int64, std::span(shifted).subspan(1), ts_incoming_values{v, {}});
 }
 
 TEST(ts_bucket, offsets_as_received_merge_like_aligned_ones_in_order_or_not)
 {
-    const std::vector<
-        std::vector<std::pair<std::initializer_list<std::int64_t>, std::initializer_list<std::int64_t>>>>
-        sequences = {
-            {{{1, 2}, {1, 2}}, {{2, 3}, {3, 4}}, {{-9}, {5}}},
-            {{{30, 10, 20, 10}, {1, 2, 3, 4}}, {{10, 40, 5, 30}, {5, 6, 7, 8}}},
-            {{{5, 6, 7}, {1, 2, 3}}, {{7, 7, 9}, {4, 5, 6}}, {{}, {}}},
-        };
+    using rows = std::vector<std::int64_t>;
+    const std::vector<std::vector<std::pair<rows, rows>>> sequences = {
+        {{{1, 2}, {1, 2}}, {{2, 3}, {3, 4}}, {{-9}, {5}}},
+        {{{30, 10, 20, 10}, {1, 2, 3, 4}}, {{10, 40, 5, 30}, {5, 6, 7, 8}}},
+        {{{5, 6, 7}, {1, 2, 3}}, {{7, 7, 9}, {4, 5, 6}}, {{}, {}}},
+    };
     for (const auto & sequence : sequences)
     {
         ts_bucket aligned;
