@@ -86,6 +86,20 @@ zlk_error_t zlk_blob_update(zlk_handle_t handle, const char * alias, const void 
                       expiry_time);
 }
 
+namespace
+{
+
+// One attempt at reading a blob: a replica of its key first, the owner after a failure.
+zlk_error_t fetch_blob(zlk_handle_t handle, const char * alias, zlk::chord::owner_reply & reply)
+{
+    const auto entry = checked_entry(alias, true);
+    client::body_storage storage;
+    auto body = [&] { return client::get_body(0, 0, zlk::kernel::entry_type::blob, storage); };
+    return send_entry_request(*handle, entry.key, 0, true, true, body, reply);
+}
+
+} // namespace
+
 zlk_error_t zlk_blob_get(zlk_handle_t handle, const char * alias, const void ** content,
                          size_t * content_length) noexcept
 {
@@ -102,13 +116,8 @@ zlk_error_t zlk_blob_get(zlk_handle_t handle, const char * alias, const void ** 
                             *handle,
                             [&]() -> zlk_error_t
                             {
-                                const auto entry = checked_entry(alias, true);
-                                client::body_storage storage;
-                                auto body = [&]
-                                { return client::get_body(0, 0, zlk::kernel::entry_type::blob, storage); };
                                 zlk::chord::owner_reply reply;
-                                const zlk_error_t r =
-                                    send_entry_request(*handle, entry.key, 0, true, true, body, reply);
+                                const zlk_error_t r = fetch_blob(handle, alias, reply);
                                 if (ZLK_SUCCESS(r))
                                 {
                                     zlk::api::hand_out_content(*handle, reply, content, content_length);
@@ -130,13 +139,8 @@ zlk_error_t zlk_blob_get_noalloc(zlk_handle_t handle, const char * alias, void *
                             *handle,
                             [&]() -> zlk_error_t
                             {
-                                const auto entry = checked_entry(alias, true);
-                                client::body_storage storage;
-                                auto body = [&]
-                                { return client::get_body(0, 0, zlk::kernel::entry_type::blob, storage); };
                                 zlk::chord::owner_reply reply;
-                                const zlk_error_t r =
-                                    send_entry_request(*handle, entry.key, 0, true, true, body, reply);
+                                const zlk_error_t r = fetch_blob(handle, alias, reply);
                                 if (ZLK_FAILURE(r))
                                 {
                                     return r;
