@@ -123,6 +123,20 @@ const std::uint8_t * keep_copy(zlk_batch_table & table, const void * content, si
     return table.blob_store.back().get();
 }
 
+// The byte setters: a copy kept in the table's store, or the caller's own bytes.
+zlk_error_t set_bytes(zlk_batch_table * table, std::string_view name, const char * label, size_t index,
+                      const void * content, size_t length, bool copy) noexcept
+{
+    return table_call(table, name,
+                      [&]() -> zlk_error_t
+                      {
+                          zlk::api::check_content(content, length, label);
+                          const auto * bytes = copy ? keep_copy(*table, content, length)
+                                                    : static_cast<const std::uint8_t *>(content);
+                          return table->columns.set_bytes(index, bytes, length);
+                      });
+}
+
 zlk::timespec checked_time(const zlk_timespec_t * t)
 {
     if (!t)
@@ -231,49 +245,27 @@ zlk_error_t zlk_ts_batch_start_row(zlk_batch_table_t table, const zlk_timespec_t
 zlk_error_t zlk_ts_batch_row_set_blob(zlk_batch_table_t table, size_t index, const void * content,
                                       size_t content_length) noexcept
 {
-    return table_call(table, "zlk_ts_batch_row_set_blob",
-                      [&]() -> zlk_error_t
-                      {
-                          zlk::api::check_content(content, content_length, "blob");
-                          const std::uint8_t * kept = keep_copy(*table, content, content_length);
-                          return table->columns.set_bytes(index, kept, content_length);
-                      });
+    return set_bytes(table, "zlk_ts_batch_row_set_blob", "blob", index, content, content_length, true);
 }
 
 zlk_error_t zlk_ts_batch_row_set_blob_no_copy(zlk_batch_table_t table, size_t index, const void * content,
                                               size_t content_length) noexcept
 {
-    return table_call(table, "zlk_ts_batch_row_set_blob_no_copy",
-                      [&]() -> zlk_error_t
-                      {
-                          zlk::api::check_content(content, content_length, "blob");
-                          return table->columns.set_bytes(index, static_cast<const std::uint8_t *>(content),
-                                                          content_length);
-                      });
+    return set_bytes(table, "zlk_ts_batch_row_set_blob_no_copy", "blob", index, content, content_length,
+                     false);
 }
 
 zlk_error_t zlk_ts_batch_row_set_string(zlk_batch_table_t table, size_t index, const char * content,
                                         size_t content_length) noexcept
 {
-    return table_call(table, "zlk_ts_batch_row_set_string",
-                      [&]() -> zlk_error_t
-                      {
-                          zlk::api::check_content(content, content_length, "string");
-                          const std::uint8_t * kept = keep_copy(*table, content, content_length);
-                          return table->columns.set_bytes(index, kept, content_length);
-                      });
+    return set_bytes(table, "zlk_ts_batch_row_set_string", "string", index, content, content_length, true);
 }
 
 zlk_error_t zlk_ts_batch_row_set_string_no_copy(zlk_batch_table_t table, size_t index, const char * content,
                                                 size_t content_length) noexcept
 {
-    return table_call(table, "zlk_ts_batch_row_set_string_no_copy",
-                      [&]() -> zlk_error_t
-                      {
-                          zlk::api::check_content(content, content_length, "string");
-                          return table->columns.set_bytes(
-                              index, reinterpret_cast<const std::uint8_t *>(content), content_length);
-                      });
+    return set_bytes(table, "zlk_ts_batch_row_set_string_no_copy", "string", index, content, content_length,
+                     false);
 }
 
 zlk_error_t zlk_ts_batch_row_set_double(zlk_batch_table_t table, size_t index, double value) noexcept
