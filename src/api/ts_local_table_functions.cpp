@@ -92,6 +92,19 @@ zlk_error_t set_bytes(zlk_local_table & t, size_t index, kernel_type wanted, con
     return zlk_e_ok;
 }
 
+// The frame of the byte setters: the content checked under the column's kind, then set_bytes.
+zlk_error_t set_bytes_call(zlk_local_table * table, std::string_view name, size_t index, kernel_type wanted,
+                           const void * content, size_t length, bool copy) noexcept
+{
+    return table_call(table, name,
+                      [&]
+                      {
+                          zlk::api::check_content(content, length,
+                                                  wanted == kernel_type::blob ? "blob" : "string");
+                          return set_bytes(*table, index, wanted, content, length, copy);
+                      });
+}
+
 // The current row's value of the column, after the checks every getter makes.
 zlk_error_t current(const zlk_local_table & t, size_t index, kernel_type wanted,
                     const ts::column_rows *& rows, std::size_t & row)
@@ -228,46 +241,29 @@ void zlk_ts_local_table_release(zlk_handle_t handle, zlk_local_table_t table) no
 zlk_error_t zlk_ts_row_set_blob(zlk_local_table_t table, size_t index, const void * content,
                                 size_t content_length) noexcept
 {
-    return table_call(table, "zlk_ts_row_set_blob",
-                      [&]
-                      {
-                          zlk::api::check_content(content, content_length, "blob");
-                          return set_bytes(*table, index, kernel_type::blob, content, content_length, true);
-                      });
+    return set_bytes_call(table, "zlk_ts_row_set_blob", index, kernel_type::blob, content, content_length,
+                          true);
 }
 
 zlk_error_t zlk_ts_row_set_blob_no_copy(zlk_local_table_t table, size_t index, const void * content,
                                         size_t content_length) noexcept
 {
-    return table_call(table, "zlk_ts_row_set_blob_no_copy",
-                      [&]
-                      {
-                          zlk::api::check_content(content, content_length, "blob");
-                          return set_bytes(*table, index, kernel_type::blob, content, content_length, false);
-                      });
+    return set_bytes_call(table, "zlk_ts_row_set_blob_no_copy", index, kernel_type::blob, content,
+                          content_length, false);
 }
 
 zlk_error_t zlk_ts_row_set_string(zlk_local_table_t table, size_t index, const char * content,
                                   size_t content_length) noexcept
 {
-    return table_call(table, "zlk_ts_row_set_string",
-                      [&]
-                      {
-                          zlk::api::check_content(content, content_length, "string");
-                          return set_bytes(*table, index, kernel_type::string, content, content_length, true);
-                      });
+    return set_bytes_call(table, "zlk_ts_row_set_string", index, kernel_type::string, content, content_length,
+                          true);
 }
 
 zlk_error_t zlk_ts_row_set_string_no_copy(zlk_local_table_t table, size_t index, const char * content,
                                           size_t content_length) noexcept
 {
-    return table_call(table, "zlk_ts_row_set_string_no_copy",
-                      [&]
-                      {
-                          zlk::api::check_content(content, content_length, "string");
-                          return set_bytes(*table, index, kernel_type::string, content, content_length,
-                                           false);
-                      });
+    return set_bytes_call(table, "zlk_ts_row_set_string_no_copy", index, kernel_type::string, content,
+                          content_length, false);
 }
 
 zlk_error_t zlk_ts_row_set_double(zlk_local_table_t table, size_t index, double value) noexcept
