@@ -84,6 +84,16 @@ error_code require_table(const entry_store::view & v) noexcept
     return {};
 }
 
+// The schema of the table the view holds, after the checks of require_table.
+error_code table_schema(const entry_store::view & v, ts_table_schema & out)
+{
+    if (error_code ec = require_table(v))
+    {
+        return ec;
+    }
+    return decode_schema(v.entry->content, out);
+}
+
 // Names must be present, and unique among themselves and against `existing`.
 error_code check_new_columns(std::span<const ts::column_description> columns,
                              const ts_table_schema * existing) noexcept
@@ -218,12 +228,8 @@ public:
         write_table(ctx, reply,
                     [&](entry_store::view & v) -> error_code
                     {
-                        if (error_code ec = require_table(v))
-                        {
-                            return ec;
-                        }
                         ts_table_schema s;
-                        if (error_code ec = decode_schema(v.entry->content, s))
+                        if (error_code ec = table_schema(v, s))
                         {
                             return ec;
                         }
@@ -275,12 +281,8 @@ public:
             _ts.entries->apply(ctx.request().key, ctx.request().transaction, false,
                                [&](entry_store::view & v) -> error_code
                                {
-                                   if (error_code ec = require_table(v))
-                                   {
-                                       return ec;
-                                   }
                                    ts_table_schema s;
-                                   if (error_code ec = decode_schema(v.entry->content, s))
+                                   if (error_code ec = table_schema(v, s))
                                    {
                                        return ec;
                                    }
@@ -558,15 +560,9 @@ public:
         if (owner.id == ctx.self().id)
         {
             auto s = std::make_shared<ts_table_schema>();
-            const error_code ec = _ts.entries->apply(id, zlk::uuid{}, false,
-                                                     [&](entry_store::view & v) -> error_code
-                                                     {
-                                                         if (error_code e = require_table(v))
-                                                         {
-                                                             return e;
-                                                         }
-                                                         return decode_schema(v.entry->content, *s);
-                                                     });
+            const error_code ec =
+                _ts.entries->apply(id, zlk::uuid{}, false,
+                                   [&](entry_store::view & v) -> error_code { return table_schema(v, *s); });
             if (!ec)
             {
                 out = std::move(s);
