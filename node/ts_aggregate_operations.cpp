@@ -43,7 +43,7 @@ ts::aggregation_state fold_column(aggregation_type f, const ts_column_data & col
                                   std::size_t first, std::size_t last)
 {
     const std::size_t n = last - first;
-    const ts::row_times times{shard_start, std::span(column.offsets).subspan(first, n)};
+    const ts::row_times times{shard_start, column.offsets.view().subspan(first, n)};
     switch (column.type)
     {
     case kernel::column_type::double_:

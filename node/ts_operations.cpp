@@ -435,28 +435,29 @@ public:
             return;
         }
         std::uint64_t erased = 0;
-        reply.error = _ts.buckets->with_bucket(ctx.request().key, false, {},
-                                               [&](ts_bucket * b) -> error_code
-                                               {
-                                                   if (!b)
-                                                   {
-                                                       return {};
-                                                   }
-                                                   for (auto & [index, column] : b->columns)
-                                                   {
-                                                       if (f.flag == ts::erase_one_column && index != f.index)
-                                                       {
-                                                           continue;
-                                                       }
-                                                       for (const zlk_ts_range_t & r : f.ranges)
-                                                       {
-                                                           erased += column.erase_between(
-                                                               ts::offset_of(b->shard_start, r.begin),
-                                                               ts::offset_of(b->shard_start, r.end));
-                                                       }
-                                                   }
-                                                   return {};
-                                               });
+        reply.error = _ts.buckets->with_bucket(
+            ctx.request().key, false, {},
+            [&](ts_bucket * b) -> error_code
+            {
+                if (!b)
+                {
+                    return {};
+                }
+                for (const zlk_ts_range_t & r : f.ranges)
+                {
+                    const std::int64_t begin = ts::offset_of(b->shard_start, r.begin);
+                    const std::int64_t end = ts::offset_of(b->shard_start, r.end);
+                    if (f.flag != ts::erase_one_column)
+                    {
+                        erased += b->erase_between(begin, end);
+                    }
+                    else if (auto it = b->columns.find(f.index); it != b->columns.end())
+                    {
+                        erased += it->second.erase_between(begin, end);
+                    }
+                }
+                return {};
+            });
         reply.value = erased;
         if (!reply.error && erased != 0)
         {

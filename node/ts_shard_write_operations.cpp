@@ -160,6 +160,16 @@ private:
             b.shard_start = shard_start;
             b.shard_size = shard_size;
         };
+        std::vector<ts_received_column> received(message.columns.size());
+        for (std::size_t i = 0; i < received.size(); ++i)
+        {
+            const timeseries::shard_write_column & col = message.columns[i];
+            received[i].index = col.index;
+            received[i].type = col.type;
+            received[i].offsets = col.offsets;
+            received[i].values.fixed = col.fixed;
+            received[i].values.bytes = col.bytes;
+        }
         const auto write = [&](ts_bucket * b) -> error_code
         {
             if (!b)
@@ -168,25 +178,10 @@ private:
             }
             for (const zlk_ts_range_t & r : message.ranges)
             {
-                const std::int64_t begin = offset_in_bucket(r.begin, b->shard_start);
-                const std::int64_t end = offset_in_bucket(r.end, b->shard_start);
-                for (auto & [index, column] : b->columns)
-                {
-                    column.erase_between(begin, end);
-                }
+                b->erase_between(offset_in_bucket(r.begin, b->shard_start),
+                                 offset_in_bucket(r.end, b->shard_start));
             }
-            for (std::size_t i = 0; i < message.columns.size(); ++i)
-            {
-                const timeseries::shard_write_column & col = message.columns[i];
-                ts_incoming_values values;
-                values.fixed = col.fixed;
-                values.bytes = col.bytes;
-                if (error_code ec = b->merge_received(col.index, col.type, col.offsets, values))
-                {
-                    return ec;
-                }
-            }
-            return {};
+            return b->merge_received(received);
         };
         return _ts.buckets->with_bucket(ctx.request().key, true, init, write);
     }

@@ -35,7 +35,8 @@ T read_le(const std::uint8_t * p) noexcept
 // Appends rows [first, last) of `from` to `to` (moving byte strings); both of one type.
 void append_rows(ts_column_data & to, ts_column_data & from, std::size_t first, std::size_t last)
 {
-    to.offsets.insert(to.offsets.end(), from.offsets.begin() + first, from.offsets.begin() + last);
+    auto & offsets = to.offsets.edit();
+    offsets.insert(offsets.end(), from.offsets.begin() + first, from.offsets.begin() + last);
     switch (to.type)
     {
     case kernel::column_type::double_:
@@ -56,37 +57,48 @@ void append_rows(ts_column_data & to, ts_column_data & from, std::size_t first, 
     }
 }
 
-// Room for n rows. Growth doubles, so that a bucket that takes push after push of new rows isn't
-// copied whole on every one.
-void reserve_rows(ts_column_data & c, std::size_t n)
+// Growth doubles, so that a bucket that takes push after push of new rows isn't copied whole on
+// every one.
+template <typename Vector>
+void reserve_doubling(Vector & v, std::size_t n)
 {
-    if (n <= c.offsets.capacity())
+    if (n > v.capacity())
     {
-        return;
+        v.reserve(std::max(n, 2 * v.capacity()));
     }
-    n = std::max(n, 2 * c.offsets.capacity());
-    c.offsets.reserve(n);
+}
+
+// Room for n values.
+void reserve_values(ts_column_data & c, std::size_t n)
+{
     switch (c.type)
     {
     case kernel::column_type::double_:
-        c.doubles.reserve(n);
+        reserve_doubling(c.doubles, n);
         break;
     case kernel::column_type::int64:
-        c.integers.reserve(n);
+        reserve_doubling(c.integers, n);
         break;
     case kernel::column_type::timestamp:
-        c.timestamps.reserve(n);
+        reserve_doubling(c.timestamps, n);
         break;
     case kernel::column_type::blob:
     case kernel::column_type::string:
-        c.bytes.reserve(n);
+        reserve_doubling(c.bytes, n);
         break;
     }
 }
 
+// Room for n rows, offsets made the column's own.
+void reserve_rows(ts_column_data & c, std::size_t n)
+{
+    reserve_doubling(c.offsets.edit(), n);
+    reserve_values(c, n);
+}
+
 void truncate_rows(ts_column_data & c, std::size_t n)
 {
-    c.offsets.resize(n);
+    c.offsets.edit().resize(n);
     switch (c.type)
     {
     case kernel::column_type::double_:
@@ -109,7 +121,7 @@ void truncate_rows(ts_column_data & c, std::size_t n)
 void append_incoming(ts_column_data & c, std::int64_t offset, const ts_incoming_values & values,
                      std::size_t i)
 {
-    c.offsets.push_back(offset);
+    c.offsets.edit().push_back(offset);
     switch (c.type)
     {
     case kernel::column_type::double_:
@@ -158,6 +170,22 @@ bool append_fixed_values(ts_column_data & c, const ts_incoming_values & values, 
     return false;
 }
 
+// Whether received offsets (8 little-endian bytes each) are in order and not before the stored ones.
+bool received_in_order(std::span<const std::uint8_t> offsets, const ts_shared_offsets & stored) noexcept
+{
+    std::int64_t previous = stored.empty() ? INT64_MIN : stored.back();
+    for (std::size_t i = 0; i < offsets.size() / sizeof(std::int64_t); ++i)
+    {
+        const auto o = read_le<std::int64_t>(offsets.data() + i * sizeof(std::int64_t));
+        if (o < previous)
+        {
+            return false;
+        }
+        previous = o;
+    }
+    return true;
+}
+
 // Appends all incoming rows, already in time order, after the stored ones.
 void append_in_order(ts_column_data & c, std::span<const std::int64_t> offsets,
                      const ts_incoming_values & values)
@@ -165,7 +193,7 @@ void append_in_order(ts_column_data & c, std::span<const std::int64_t> offsets,
     const std::size_t n = offsets.size();
     if (append_fixed_values(c, values, n))
     {
-        std::memcpy(c.offsets.extend_uninitialized(n), offsets.data(), n * sizeof(std::int64_t));
+        std::memcpy(c.offsets.edit().extend_uninitialized(n), offsets.data(), n * sizeof(std::int64_t));
         return;
     }
     for (std::size_t i = 0; i < n; ++i)
@@ -222,7 +250,16 @@ std::size_t ts_column_data::erase_between(std::int64_t begin_offset, std::int64_
     }
     const auto f = static_cast<std::ptrdiff_t>(first);
     const auto l = static_cast<std::ptrdiff_t>(last);
-    offsets.erase(offsets.begin() + f, offsets.begin() + l);
+    auto & rows = offsets.edit();
+    rows.erase(rows.begin() + f, rows.begin() + l);
+    erase_values(first, last);
+    return last - first;
+}
+
+void ts_column_data::erase_values(std::size_t first, std::size_t last)
+{
+    const auto f = static_cast<std::ptrdiff_t>(first);
+    const auto l = static_cast<std::ptrdiff_t>(last);
     switch (type)
     {
     case kernel::column_type::double_:
@@ -239,7 +276,6 @@ std::size_t ts_column_data::erase_between(std::int64_t begin_offset, std::int64_
         bytes.erase(bytes.begin() + f, bytes.begin() + l);
         break;
     }
-    return last - first;
 }
 
 std::size_t ts_column_data::byte_size() const noexcept
@@ -291,19 +327,11 @@ boost::system::error_code ts_bucket::merge_received(std::uint64_t index, kernel:
             {
                 return ec;
             }
-            std::int64_t previous = column->offsets.empty() ? INT64_MIN : column->offsets.back();
-            bool in_order = true;
-            for (std::size_t i = 0; i < n && in_order; ++i)
-            {
-                const auto o = read_le<std::int64_t>(offsets.data() + i * sizeof(std::int64_t));
-                in_order = o >= previous;
-                previous = o;
-            }
-            if (in_order)
+            if (received_in_order(offsets, column->offsets))
             {
                 reserve_rows(*column, column->size() + n);
                 append_fixed_values(*column, values, n);
-                std::memcpy(column->offsets.extend_uninitialized(n), offsets.data(),
+                std::memcpy(column->offsets.edit().extend_uninitialized(n), offsets.data(),
                             n * sizeof(std::int64_t));
                 return {};
             }
@@ -315,6 +343,124 @@ boost::system::error_code ts_bucket::merge_received(std::uint64_t index, kernel:
         aligned[i] = read_le<std::int64_t>(offsets.data() + i * sizeof(std::int64_t));
     }
     return merge(index, type, aligned, values);
+}
+
+boost::system::error_code ts_bucket::merge_received(std::span<const ts_received_column> columns)
+{
+    std::vector<bool> merged(columns.size());
+    std::vector<ts_column_data *> group;
+    std::vector<const ts_incoming_values *> group_values;
+    std::vector<ts_shared_offsets *> holders;
+    for (std::size_t i = 0; i < columns.size(); ++i)
+    {
+        if (merged[i])
+        {
+            continue;
+        }
+        const ts_received_column & lead = columns[i];
+        const std::size_t n = lead.offsets.size() / sizeof(std::int64_t);
+        ts_column_data * first = nullptr;
+        const bool appends = std::endian::native == std::endian::little && !kernel::holds_bytes(lead.type) &&
+                             n != 0 && !column_for(lead.index, lead.type, n, lead.values, first) &&
+                             received_in_order(lead.offsets, first->offsets);
+        if (!appends)
+        {
+            if (boost::system::error_code ec =
+                    merge_received(lead.index, lead.type, lead.offsets, lead.values))
+            {
+                return ec;
+            }
+            continue;
+        }
+
+        // The later columns that take the same rows after the same stored ones. A column that fails a
+        // check is left for its turn, which reports it.
+        group.assign(1, first);
+        group_values.assign(1, &lead.values);
+        for (std::size_t j = i + 1; j < columns.size(); ++j)
+        {
+            const ts_received_column & other = columns[j];
+            ts_column_data * c = nullptr;
+            if (merged[j] || kernel::holds_bytes(other.type) || other.offsets.size() != lead.offsets.size() ||
+                column_for(other.index, other.type, n, other.values, c) ||
+                std::find(group.begin(), group.end(), c) != group.end())
+            {
+                continue;
+            }
+            const bool same_stored =
+                c->offsets.empty() ? first->offsets.empty() : c->offsets.shares_with(first->offsets);
+            if (same_stored &&
+                (other.offsets.data() == lead.offsets.data() ||
+                 std::memcmp(other.offsets.data(), lead.offsets.data(), lead.offsets.size()) == 0))
+            {
+                group.push_back(c);
+                group_values.push_back(&other.values);
+                merged[j] = true;
+            }
+        }
+
+        const std::size_t rows = first->size() + n;
+        holders.clear();
+        for (std::size_t k = 0; k < group.size(); ++k)
+        {
+            reserve_values(*group[k], rows);
+            append_fixed_values(*group[k], *group_values[k], n);
+            holders.push_back(&group[k]->offsets);
+        }
+        auto & offsets = ts_shared_offsets::edit_together(holders);
+        reserve_doubling(offsets, rows);
+        std::memcpy(offsets.extend_uninitialized(n), lead.offsets.data(), n * sizeof(std::int64_t));
+    }
+    return {};
+}
+
+std::size_t ts_bucket::erase_between(std::int64_t begin_offset, std::int64_t end_offset)
+{
+    std::size_t erased = 0;
+    // Columns that share their offsets are cut together, so that they go on sharing them.
+    std::vector<ts_column_data *> pending;
+    for (auto & [index, column] : columns)
+    {
+        pending.push_back(&column);
+    }
+    std::vector<ts_column_data *> group;
+    std::vector<ts_shared_offsets *> holders;
+    while (!pending.empty())
+    {
+        ts_column_data * first = pending.back();
+        pending.pop_back();
+        group.assign(1, first);
+        std::size_t kept = 0;
+        for (std::size_t k = 0; k < pending.size(); ++k)
+        {
+            if (pending[k]->offsets.shares_with(first->offsets))
+            {
+                group.push_back(pending[k]);
+            }
+            else
+            {
+                pending[kept++] = pending[k];
+            }
+        }
+        pending.resize(kept);
+
+        const auto [lo, hi] = first->rows_between(begin_offset, end_offset);
+        if (lo == hi)
+        {
+            continue;
+        }
+        holders.clear();
+        for (ts_column_data * c : group)
+        {
+            c->erase_values(lo, hi);
+            holders.push_back(&c->offsets);
+        }
+        auto & rows = ts_shared_offsets::edit_together(holders);
+        rows.erase(rows.begin() + static_cast<std::ptrdiff_t>(lo),
+                   rows.begin() + static_cast<std::ptrdiff_t>(hi));
+        erased += (hi - lo) * group.size();
+    }
+    return erased;
 }
 
 boost::system::error_code ts_bucket::merge(std::uint64_t index, kernel::column_type type,

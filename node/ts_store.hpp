@@ -20,6 +20,7 @@
 #include <string_view>
 #include <vector>
 
+#include "node/ts_shared_offsets.hpp"
 #include "ring/ring_id.hpp"
 #include "timeseries/column_type.hpp"
 #include "timeseries/pod_vector.hpp"
@@ -46,12 +47,12 @@ struct ts_table_schema
 };
 
 // One column of one bucket. `offsets` is sorted (stable: equal offsets keep their arrival order) and
-// parallel to the one value vector its type uses.
+// parallel to the one value vector its type uses; columns written together share it.
 struct ts_column_data
 {
     kernel::column_type type = kernel::column_type::double_;
+    ts_shared_offsets offsets;
     // Large and grown in place, without copies (see pod_vector).
-    timeseries::pod_vector<std::int64_t> offsets;
     timeseries::pod_vector<double> doubles;
     timeseries::pod_vector<std::int64_t> integers;
     timeseries::pod_vector<timespec> timestamps;
@@ -63,6 +64,8 @@ struct ts_column_data
                                                      std::int64_t end_offset) const noexcept;
     // Removes rows in [begin, end); returns how many.
     std::size_t erase_between(std::int64_t begin_offset, std::int64_t end_offset);
+    // Removes values [first, last), leaving the offsets alone.
+    void erase_values(std::size_t first, std::size_t last);
     // Approximate bytes held.
     std::size_t byte_size() const noexcept;
 };
@@ -73,6 +76,15 @@ struct ts_incoming_values
 {
     std::span<const std::uint8_t> fixed;                  // 8 bytes a row (double, int64), 16 (timestamp)
     std::span<const std::span<const std::uint8_t>> bytes; // blob, string
+};
+
+// One column of a shard write as the request carries it.
+struct ts_received_column
+{
+    std::uint64_t index = 0;
+    kernel::column_type type = kernel::column_type::double_;
+    std::span<const std::uint8_t> offsets; // 8 little-endian bytes a row, any alignment
+    ts_incoming_values values;
 };
 
 struct ts_bucket
@@ -92,6 +104,12 @@ struct ts_bucket
     boost::system::error_code merge_received(std::uint64_t index, kernel::column_type type,
                                              std::span<const std::uint8_t> offsets,
                                              const ts_incoming_values & values);
+    // The columns of one shard write, merged in turn as above. Fixed-size columns that arrive with the
+    // same offsets as an earlier one over the same stored rows, and go in order after them, keep
+    // sharing one offsets vector.
+    boost::system::error_code merge_received(std::span<const ts_received_column> columns);
+    // Removes the rows in [begin, end) of every column; returns how many, summed over the columns.
+    std::size_t erase_between(std::int64_t begin_offset, std::int64_t end_offset);
     std::size_t byte_size() const noexcept;
 
 private:
