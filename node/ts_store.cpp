@@ -7,6 +7,7 @@
 #include <numeric>
 
 #include "api/error_categories.hpp"
+#include "node/ts_column_fill.hpp"
 
 namespace zlk::node
 {
@@ -168,6 +169,33 @@ bool append_fixed_values(ts_column_data & c, const ts_incoming_values & values, 
         break;
     }
     return false;
+}
+
+// n elements more at the end of the vector, to copy `from` into (raw bytes, as the wire carries
+// them: the host's own order on a little-endian machine).
+template <typename T>
+ts_column_fill fill_of(timeseries::pod_vector<T> & v, std::span<const std::uint8_t> from, std::size_t n)
+{
+    auto * to = reinterpret_cast<std::uint8_t *>(v.extend_unpopulated(n));
+    return {to, from.data(), n * sizeof(T), v.capacity_bytes()};
+}
+
+// The same for the value vector of a fixed-size column.
+ts_column_fill fill_of(ts_column_data & c, std::span<const std::uint8_t> from, std::size_t n)
+{
+    switch (c.type)
+    {
+    case kernel::column_type::double_:
+        return fill_of(c.doubles, from, n);
+    case kernel::column_type::int64:
+        return fill_of(c.integers, from, n);
+    case kernel::column_type::timestamp:
+        return fill_of(c.timestamps, from, n);
+    case kernel::column_type::blob:
+    case kernel::column_type::string:
+        break;
+    }
+    return {};
 }
 
 // Whether received offsets (8 little-endian bytes each) are in order and not before the stored ones.
@@ -351,6 +379,7 @@ boost::system::error_code ts_bucket::merge_received(std::span<const ts_received_
     std::vector<ts_column_data *> group;
     std::vector<const ts_incoming_values *> group_values;
     std::vector<ts_shared_offsets *> holders;
+    std::vector<ts_column_fill> fills;
     for (std::size_t i = 0; i < columns.size(); ++i)
     {
         if (merged[i])
@@ -401,15 +430,20 @@ boost::system::error_code ts_bucket::merge_received(std::span<const ts_received_
 
         const std::size_t rows = first->size() + n;
         holders.clear();
-        for (std::size_t k = 0; k < group.size(); ++k)
+        for (ts_column_data * c : group)
         {
-            reserve_values(*group[k], rows);
-            append_fixed_values(*group[k], *group_values[k], n);
-            holders.push_back(&group[k]->offsets);
+            reserve_values(*c, rows);
+            holders.push_back(&c->offsets);
         }
         auto & offsets = ts_shared_offsets::edit_together(holders);
         reserve_doubling(offsets, rows);
-        std::memcpy(offsets.extend_uninitialized(n), lead.offsets.data(), n * sizeof(std::int64_t));
+        fills.clear();
+        fills.push_back(fill_of(offsets, lead.offsets, n));
+        for (std::size_t k = 0; k < group.size(); ++k)
+        {
+            fills.push_back(fill_of(*group[k], group_values[k]->fixed, n));
+        }
+        run_column_fills(fills);
     }
     return {};
 }

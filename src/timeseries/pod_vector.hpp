@@ -164,6 +164,22 @@ public:
         return at;
     }
 
+    // The same without faulting the new pages in: for a fill split between threads, each of which
+    // populates its own part (pod_memory::populate, given capacity_bytes()) as it goes.
+    T * extend_unpopulated(std::size_t n)
+    {
+        if (_size + n > _capacity)
+        {
+            grow_for(_size + n);
+        }
+        T * at = _data + _size;
+        _size += n;
+        _ready = std::max(_ready, _size);
+        return at;
+    }
+
+    std::size_t capacity_bytes() const noexcept { return _capacity * sizeof(T); }
+
     void clear() noexcept { _size = 0; }
 
     // New elements are value-initialised (zero), as with std::vector.

@@ -33,7 +33,10 @@ written_column column_of(std::uint64_t index, const std::vector<std::int64_t> & 
                              : index == 2 ? column_type::int64
                                           : column_type::timestamp;
     written_column c{index, type, std::vector<std::uint8_t>(offsets.size() * 8), {}};
-    std::memcpy(c.offsets.data(), offsets.data(), c.offsets.size());
+    if (!offsets.empty())
+    {
+        std::memcpy(c.offsets.data(), offsets.data(), c.offsets.size());
+    }
     for (std::size_t i = 0; i < offsets.size(); ++i)
     {
         const std::int64_t v = first_value + static_cast<std::int64_t>(i);

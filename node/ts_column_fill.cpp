@@ -1,0 +1,66 @@
+#include "node/ts_column_fill.hpp"
+
+#include <tbb/parallel_for.h>
+
+#include <cstring>
+#include <vector>
+
+#include "timeseries/pod_vector.hpp"
+
+namespace zlk::node
+{
+
+namespace
+{
+
+// Below this in all, a fill stays on the calling thread: handing work over costs more than it saves.
+constexpr std::size_t parallel_threshold = std::size_t{8} << 20;
+// A share of work: large enough that populating it is one call into the kernel worth making.
+constexpr std::size_t stripe = std::size_t{4} << 20;
+
+void fill(const ts_column_fill & f, std::size_t begin, std::size_t end) noexcept
+{
+    timeseries::pod_memory::populate(f.to + begin, end - begin, f.capacity_bytes);
+    std::memcpy(f.to + begin, f.from + begin, end - begin);
+}
+
+} // namespace
+
+void run_column_fills(std::span<const ts_column_fill> fills)
+{
+    std::size_t total = 0;
+    for (const ts_column_fill & f : fills)
+    {
+        total += f.size;
+    }
+    if (total < parallel_threshold)
+    {
+        for (const ts_column_fill & f : fills)
+        {
+            if (f.size != 0)
+            {
+                fill(f, 0, f.size);
+            }
+        }
+        return;
+    }
+    struct piece
+    {
+        const ts_column_fill * fill;
+        std::size_t begin;
+        std::size_t end;
+    };
+    std::vector<piece> pieces;
+    pieces.reserve(total / stripe + fills.size());
+    for (const ts_column_fill & f : fills)
+    {
+        for (std::size_t at = 0; at < f.size; at += stripe)
+        {
+            pieces.push_back({&f, at, std::min(f.size, at + stripe)});
+        }
+    }
+    tbb::parallel_for(std::size_t{0}, pieces.size(),
+                      [&](std::size_t i) { fill(*pieces[i].fill, pieces[i].begin, pieces[i].end); });
+}
+
+} // namespace zlk::node
