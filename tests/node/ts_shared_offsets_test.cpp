@@ -215,6 +215,29 @@ TEST(ts_shared_offsets, any_mix_of_writes_and_erasures_reads_as_column_by_column
     }
 }
 
+// Writes large enough to be copied on several threads, into an empty bucket and after stored rows.
+TEST(ts_shared_offsets, large_writes_land_whole)
+{
+    ts_bucket grouped;
+    ts_bucket reference;
+    std::int64_t start = 0;
+    for (const std::size_t rows : {std::size_t{700000}, std::size_t{300001}})
+    {
+        std::vector<std::int64_t> offsets(rows);
+        for (std::size_t i = 0; i < rows; ++i)
+        {
+            offsets[i] = start + static_cast<std::int64_t>(i / 3);
+        }
+        start = offsets.back();
+        const std::vector<written_column> write{column_of(0, offsets, 0), column_of(3, offsets, 1 << 20),
+                                                column_of(1, offsets, 1 << 21)};
+        ASSERT_FALSE(grouped.merge_received(as_received(write)));
+        ASSERT_FALSE(merge_one_by_one(reference, write));
+    }
+    expect_same_rows(grouped, reference);
+    EXPECT_TRUE(grouped.columns.at(3).offsets.shares_with(grouped.columns.at(1).offsets));
+}
+
 TEST(ts_shared_offsets, a_column_of_another_type_fails_without_stopping_the_shared_ones_before_it)
 {
     ts_bucket b;
