@@ -77,7 +77,8 @@ struct four_doubles
     }
 };
 
-// Bytes the staged vectors hold, and the bytes of offsets and values they put on the wire.
+// Bytes the staged vectors hold, and the bytes of offsets and values they put on the wire (where
+// each column carries the offsets its chunk may keep once).
 void report_memory(benchmark::State & state, const zlk_batch_table & t)
 {
     double held = 0;
@@ -88,15 +89,16 @@ void report_memory(benchmark::State & state, const zlk_batch_table & t)
         {
             for (const auto & chunk : chunks)
             {
+                held += static_cast<double>(chunk->rows.capacity() * 8);
                 for (const timeseries::column_chunk & col : chunk->columns)
                 {
+                    const double offset_bytes = static_cast<double>(chunk->offsets_of(col).size() * 8);
                     std::visit(
                         [&](const auto & p)
                         {
                             held += static_cast<double>(p.offsets.capacity() * 8 +
                                                         p.values.capacity() * sizeof(p.values[0]));
-                            wire += static_cast<double>(p.offsets.size() * 8 +
-                                                        p.values.size() * sizeof(p.values[0]));
+                            wire += offset_bytes + static_cast<double>(p.values.size() * sizeof(p.values[0]));
                         },
                         col.payload);
                 }

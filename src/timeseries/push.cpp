@@ -117,13 +117,13 @@ timespec ms_to_timespec(std::int64_t ms) noexcept
     return timespec{t.tv_sec, t.tv_nsec};
 }
 
-const pod_vector<std::int64_t> * first_offsets(const shard_chunk & chunk) noexcept
+std::span<const std::int64_t> first_offsets(const shard_chunk & chunk) noexcept
 {
     if (chunk.columns.empty())
     {
-        return nullptr;
+        return {};
     }
-    return std::visit([](const auto & p) { return &p.offsets; }, chunk.columns.front().payload);
+    return chunk.offsets_of(chunk.columns.front());
 }
 
 // Every row of every column must lie in one of the ranges.
@@ -136,10 +136,7 @@ void check_rows_covered(const table_writer & w, std::span<const zlk_ts_range_t> 
         {
             for (const column_chunk & col : chunk->columns)
             {
-                const pod_vector<std::int64_t> & offsets =
-                    std::visit([](const auto & p) -> const pod_vector<std::int64_t> & { return p.offsets; },
-                               col.payload);
-                for (const std::int64_t o : offsets)
+                for (const std::int64_t o : chunk->offsets_of(col))
                 {
                     const wide t = base + o;
                     const bool covered = std::any_of(ranges.begin(), ranges.end(),
@@ -168,12 +165,12 @@ std::vector<zlk_ts_range_t> clip_ranges(const chunk_list & chunks, std::size_t p
     const wide shard_end = base + static_cast<wide>(shard_size) * ns_per_ms;
     const auto lowest = [&](const shard_chunk & c) -> std::optional<wide>
     {
-        const pod_vector<std::int64_t> * o = first_offsets(c);
-        if (!o || o->empty())
+        const std::span<const std::int64_t> o = first_offsets(c);
+        if (o.empty())
         {
             return std::nullopt;
         }
-        return base + o->front();
+        return base + o.front();
     };
     wide lo = base;
     wide hi = shard_end;
@@ -333,10 +330,7 @@ void pusher::empty_written(const send_group & g, const std::vector<request_outco
     {
         if (!outcomes[i].failed())
         {
-            for (column_chunk & col : g.chunks[i].chunk().columns)
-            {
-                col.clear();
-            }
+            g.chunks[i].chunk().clear();
         }
     }
 }

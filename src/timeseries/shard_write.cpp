@@ -22,7 +22,7 @@ shard_write_bound payload_bound(const column_payload_variant & payload) noexcept
         [](const auto & p) -> shard_write_bound
         {
             using value_type = typename std::decay_t<decltype(p)>::value_type;
-            const std::size_t offset_bytes = p.offsets.size() * sizeof(std::int64_t);
+            const std::size_t offset_bytes = p.values.size() * sizeof(std::int64_t);
             if constexpr (std::is_same_v<value_type, byte_view>)
             {
                 return {offset_bytes / 8 + 5, (offset_bytes / 16) * 10 + 40};
@@ -225,13 +225,14 @@ void encode_shard_write(ser::writer & w, const shard_write & m)
         {
             w.put_varint(col.index);
             w.put_string(col.name);
+            const std::span<const std::int64_t> offsets = m.chunk->offsets_of(col);
             std::visit(
-                [&w](const auto & p)
+                [&w, offsets](const auto & p)
                 {
                     w.put_varint(p.shard_size);
                     w.put_varint(static_cast<std::uint64_t>(p.shard_start));
-                    w.put_varint(p.offsets.size());
-                    put_words(w, p.offsets.data(), p.offsets.size());
+                    w.put_varint(offsets.size());
+                    put_words(w, offsets.data(), offsets.size());
                     put_values(w, p.values);
                 },
                 col.payload);

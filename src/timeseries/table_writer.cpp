@@ -71,23 +71,48 @@ column_payload_variant make_payload(kernel::column_type type)
 
 std::size_t column_chunk::rows() const noexcept
 {
-    return offsets_of(payload).size();
+    return std::visit([](const auto & p) { return p.values.size(); }, payload);
 }
 
-void column_chunk::clear() noexcept
+void shard_chunk::unshare()
 {
-    std::visit(
-        [](auto & p)
-        {
-            p.offsets.clear();
-            p.values.clear();
-        },
-        payload);
+    if (!shared_rows)
+    {
+        return;
+    }
+    std::vector<pod_vector<std::int64_t>> own;
+    own.reserve(columns.size());
+    for (const column_chunk & c : columns)
+    {
+        own.emplace_back(rows.begin(), rows.begin() + c.rows());
+    }
+    for (std::size_t i = 0; i < columns.size(); ++i)
+    {
+        std::visit([&](auto & p) { p.offsets = std::move(own[i]); }, columns[i].payload);
+    }
+    rows = pod_vector<std::int64_t>();
+    shared_rows = false;
 }
 
 bool shard_chunk::empty() const noexcept
 {
     return std::all_of(columns.begin(), columns.end(), [](const column_chunk & c) { return c.empty(); });
+}
+
+void shard_chunk::clear() noexcept
+{
+    for (column_chunk & c : columns)
+    {
+        std::visit(
+            [](auto & p)
+            {
+                p.offsets.clear();
+                p.values.clear();
+            },
+            c.payload);
+    }
+    rows.clear();
+    shared_rows = true;
 }
 
 std::uint64_t payload_estimate(const column_payload_variant & payload) noexcept
@@ -96,7 +121,7 @@ std::uint64_t payload_estimate(const column_payload_variant & payload) noexcept
         [](const auto & p) -> std::uint64_t
         {
             using value_type = typename std::decay_t<decltype(p)>::value_type;
-            const std::uint64_t offset_bytes = p.offsets.size() * sizeof(std::int64_t);
+            const std::uint64_t offset_bytes = p.values.size() * sizeof(std::int64_t);
             if constexpr (std::is_same_v<value_type, byte_view>)
             {
                 std::uint64_t total = offset_bytes;
@@ -215,6 +240,17 @@ std::size_t table_writer::add_column(const column_entry & entry)
     _columns.reserve(_columns.size() + 1);
     _cursors.reserve(_columns.size() + 1);
     _cursor_offsets.reserve(_columns.size() + 1);
+    // The new column starts empty beside columns that hold rows: they part ways.
+    for (auto & [start, chunks] : _shards)
+    {
+        for (const auto & chunk : chunks)
+        {
+            if (!chunk->empty())
+            {
+                chunk->unshare();
+            }
+        }
+    }
     for (auto & [start, chunks] : _shards)
     {
         for (const auto & chunk : chunks)
@@ -286,6 +322,55 @@ void table_writer::fill_short_columns()
     }
 }
 
+void table_writer::close_shared_row()
+{
+    if (_sets_in_row == 0)
+    {
+        _rows->pop_back();
+        return;
+    }
+    const std::size_t n = _rows->size();
+    for (column_chunk & c : _current->columns)
+    {
+        std::visit(
+            [&](auto & p)
+            {
+                using value_type = typename std::decay_t<decltype(p)>::value_type;
+                constexpr std::uint64_t per_row =
+                    std::is_same_v<value_type, double> || std::is_same_v<value_type, std::int64_t> ? 16 : 24;
+                if (p.values.size() < n)
+                {
+                    grow_for_one(p.values);
+                    p.values.push_back(filler<value_type>());
+                    _approx_size += per_row;
+                }
+            },
+            c.payload);
+    }
+}
+
+void table_writer::unshare_current()
+{
+    if (_current && _current->shared_rows)
+    {
+        _current->unshare();
+        _rows = nullptr;
+    }
+}
+
+bool table_writer::unshare_current_noexcept() noexcept
+{
+    try
+    {
+        unshare_current();
+        return true;
+    }
+    catch (const std::bad_alloc &)
+    {
+        return false;
+    }
+}
+
 std::shared_ptr<shard_chunk> table_writer::make_chunk(std::int64_t start)
 {
     std::shared_ptr<shard_chunk> chunk;
@@ -309,25 +394,29 @@ std::shared_ptr<shard_chunk> table_writer::make_chunk(std::int64_t start)
     }
     chunk->shard_size = static_cast<std::uint64_t>(_shard_size);
     chunk->shard_start = start;
+    chunk->clear();
+    // The caller's row count sizes the first chunk only: later shards would each reserve it.
+    const auto hinted_rows = [&](std::size_t i) -> std::size_t
+    {
+        if (_hint_used || i >= _columns.size() || _columns[i].rows_hint == 0)
+        {
+            return 0;
+        }
+        const std::uint64_t cap = _max_chunk_size / 16 + 1;
+        return static_cast<std::size_t>(std::min(_columns[i].rows_hint, cap));
+    };
     for (std::size_t i = 0; i < chunk->columns.size(); ++i)
     {
+        const std::size_t rows = hinted_rows(i);
         std::visit(
             [&](auto & p)
             {
                 p.shard_size = chunk->shard_size;
                 p.shard_start = start;
-                p.offsets.clear();
-                p.values.clear();
-                // The caller's row count sizes the first chunk only: later shards would each reserve it.
-                if (!_hint_used && i < _columns.size() && _columns[i].rows_hint != 0)
-                {
-                    const std::uint64_t cap = _max_chunk_size / 16 + 1;
-                    const auto rows = static_cast<std::size_t>(std::min(_columns[i].rows_hint, cap));
-                    p.offsets.reserve(rows);
-                    p.values.reserve(rows);
-                }
+                p.values.reserve(rows);
             },
             chunk->columns[i].payload);
+        chunk->rows.reserve(rows);
     }
     _hint_used = true;
     return chunk;
@@ -342,16 +431,43 @@ void table_writer::point_cursors()
             _current ? std::visit([](auto & p) { return &p.offsets; }, _current->columns[i].payload)
                      : nullptr;
     }
+    _rows = _current && _current->shared_rows ? &_current->rows : nullptr;
 }
 
 zlk_error_t table_writer::start_row(const timespec & t)
 {
     close_row();
-    return select_chunk(t);
+    const zlk_error_t selected = select_chunk(t);
+    if (selected == zlk_e_ok && _rows)
+    {
+        // The offset goes in once for every column; the setters only check that they follow it.
+        if (_rows->size() == _rows->capacity())
+        {
+            try
+            {
+                grow_for_one(*_rows);
+            }
+            catch (const std::bad_alloc &)
+            {
+                return zlk_e_no_memory_local;
+            }
+        }
+        _rows->push_back(_row_offset);
+        _row_in_rows = true;
+    }
+    return selected;
 }
 
 zlk_error_t table_writer::select_chunk(const timespec & t)
 {
+    if (_rows && _row_in_rows)
+    {
+        // A row left open (a pinned column selects a chunk without closing it): its columns may differ
+        // in length, which only offsets of their own can tell.
+        unshare_current();
+    }
+    _row_in_rows = false;
+    _sets_in_row = 0;
     const bucket_position at = locate_near(t, _shard_size, _row_shard);
     const bool same_shard = _has_row && _current && at.start_ms == _row_shard;
     _row_shard = at.start_ms;
@@ -406,6 +522,25 @@ template bool table_writer::grow_for_row(pod_vector<std::int64_t> &, pod_vector<
 template bool table_writer::grow_for_row(pod_vector<std::int64_t> &, pod_vector<timespec> &) noexcept;
 template bool table_writer::grow_for_row(pod_vector<std::int64_t> &, pod_vector<byte_view> &) noexcept;
 
+template <typename Value>
+bool table_writer::grow_for_values(pod_vector<Value> & values) noexcept
+{
+    try
+    {
+        grow_for_one(values);
+        return true;
+    }
+    catch (const std::bad_alloc &)
+    {
+        return false;
+    }
+}
+
+template bool table_writer::grow_for_values(pod_vector<double> &) noexcept;
+template bool table_writer::grow_for_values(pod_vector<std::int64_t> &) noexcept;
+template bool table_writer::grow_for_values(pod_vector<timespec> &) noexcept;
+template bool table_writer::grow_for_values(pod_vector<byte_view> &) noexcept;
+
 void table_writer::finish(bool keep_lone_empty)
 {
     close_row();
@@ -413,6 +548,11 @@ void table_writer::finish(bool keep_lone_empty)
     {
         for (const auto & chunk : chunks)
         {
+            if (chunk->shared_rows && std::is_sorted(chunk->rows.begin(), chunk->rows.end()))
+            {
+                continue;
+            }
+            chunk->unshare();
             for (column_chunk & c : chunk->columns)
             {
                 std::visit([](auto & p) { sort_by_offset(p.offsets, p.values); }, c.payload);
@@ -467,10 +607,7 @@ void table_writer::reset() noexcept
         {
             for (auto & chunk : chunks)
             {
-                for (column_chunk & c : chunk->columns)
-                {
-                    c.clear();
-                }
+                chunk->clear();
                 _spares.push_back(std::move(chunk));
             }
         }
@@ -492,6 +629,10 @@ zlk_error_t table_writer::shrink_pinned(std::size_t position, std::size_t count)
     if (!cursor)
     {
         return zlk_e_ok;
+    }
+    if (!unshare_current_noexcept())
+    {
+        return zlk_e_no_memory_local;
     }
     return std::visit(
         [count](auto & p) -> zlk_error_t
@@ -518,6 +659,7 @@ zlk_error_t table_writer::resize_pinned(std::size_t position, std::size_t count)
     {
         return zlk_e_ok;
     }
+    unshare_current();
     std::visit(
         [count](auto & p)
         {

@@ -2,6 +2,7 @@
 zlk_test(NAME test_ts_batch_staging
     SOURCES
         batch_staging_test.cpp
+        shared_rows_test.cpp
     LINK zlk_timeseries
     LABELS unit)
 
