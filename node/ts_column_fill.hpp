@@ -1,6 +1,6 @@
 // Copies of received column bytes into bucket memory. Into a fresh bucket, most of their cost is the
 // kernel faulting in and zeroing pages, not the copy: a large set of them is split between threads,
-// which takes the other core while the client that sent the rows waits for the reply.
+// which takes the other cores while the client that sent the rows waits for the reply.
 #pragma once
 
 #include <cstddef>
