@@ -170,6 +170,16 @@ TEST(node_server, answers_frames_however_they_are_cut_into_reads)
     ASSERT_FALSE(c.client.send_bytes(three));
     read_pings(3);
 
+    // Two thousand frames in one write, each answered in turn (about 40 KB: within what a socket
+    // takes before anyone reads, so that the write ends before the replies are read).
+    node_test::bytes many;
+    for (int i = 0; i < 2000; ++i)
+    {
+        many.insert(many.end(), ping.begin(), ping.end());
+    }
+    ASSERT_FALSE(c.client.send_bytes(many));
+    read_pings(2000);
+
     // One frame a byte at a time, its head included.
     for (const std::uint8_t b : ping)
     {
