@@ -3,6 +3,7 @@
 #include <unistd.h>
 
 #include <algorithm>
+#include <atomic>
 #include <charconv>
 #include <chrono>
 #include <cstdint>
@@ -45,12 +46,15 @@ operations that failed.
                               N / BATCH calls (at least one a thread) of zlk_ts_double_aggregate
                               of count, mean and max over all the rows of the thread's table (N rows
                               are pushed first when ts_push didn't run)
-  -n N             operations per test, split evenly over the threads (default 10000)
+  -n N             operations per test (default 10000): the threads of put, get, update, int_add and
+                   prefix draw them from one count until N are done; those of batch, ts_push and
+                   ts_aggregate split them evenly
   -d SIZE          bytes of content per blob (default 100)
   -c THREADS       client threads; each opens, connects and uses its own handle, so the threads share
                    nothing and the figures are those of THREADS independent clients (default 1)
-  --keys K         distinct keys per test, K >= THREADS (default N). Thread i works on the keys
-                   congruent to i modulo THREADS, in turn.
+  --keys K         distinct keys per test, K >= THREADS (default N). Operation j of put, get, update
+                   and int_add works on key j modulo K, whichever thread runs it; in the batch test
+                   thread i works on the keys congruent to i modulo THREADS, in turn.
   -b BATCH         records per zlk_run_batch in the batch test (default 1000)
   --keep           leave the entries in the cluster (by default they are removed at the end)
   -h, --help       this text
@@ -307,55 +311,66 @@ public:
         if (test == "put")
         {
             const bool existing = _blobs_written;
-            test_result r = measure(_s.operations, [this, existing](worker & w, std::size_t j)
-                                    { return put_blob(w, w.blob_keys, j, existing); });
+            test_result r = measure(
+                _s.operations,
+                [this, existing](worker & w, std::size_t g)
+                { return put_blob(w, key_of(kind::blob, g), existing || g >= _s.keys); },
+                true);
             _blobs_written = true;
             return r;
         }
         if (test == "get")
         {
             fill(kind::blob);
-            return measure(_s.operations,
-                           [](worker & w, std::size_t j)
-                           {
-                               const void * content = nullptr;
-                               std::size_t length = 0;
-                               const zlk_error_t r = zlk_blob_get(
-                                   w.handle, w.blob_keys[j % w.blob_keys.size()].c_str(), &content, &length);
-                               zlk_release(w.handle, content);
-                               return r;
-                           });
+            return measure(
+                _s.operations,
+                [this](worker & w, std::size_t g)
+                {
+                    const void * content = nullptr;
+                    std::size_t length = 0;
+                    const zlk_error_t r =
+                        zlk_blob_get(w.handle, key_of(kind::blob, g).c_str(), &content, &length);
+                    zlk_release(w.handle, content);
+                    return r;
+                },
+                true);
         }
         if (test == "update")
         {
             fill(kind::blob);
-            return measure(_s.operations,
-                           [this](worker & w, std::size_t j)
-                           {
-                               return zlk_blob_update(w.handle, w.blob_keys[j % w.blob_keys.size()].c_str(),
-                                                      _content.data(), _content.size(), zlk_never_expires);
-                           });
+            return measure(
+                _s.operations,
+                [this](worker & w, std::size_t g)
+                {
+                    return zlk_blob_update(w.handle, key_of(kind::blob, g).c_str(), _content.data(),
+                                           _content.size(), zlk_never_expires);
+                },
+                true);
         }
         if (test == "int_add")
         {
             fill(kind::integer);
             return measure(
-                _s.operations, [](worker & w, std::size_t j)
-                { return zlk_int_add(w.handle, w.int_keys[j % w.int_keys.size()].c_str(), 1, nullptr); });
+                _s.operations,
+                [this](worker & w, std::size_t g)
+                { return zlk_int_add(w.handle, key_of(kind::integer, g).c_str(), 1, nullptr); },
+                true);
         }
         if (test == "prefix")
         {
             fill(kind::blob);
-            return measure(_s.operations,
-                           [this](worker & w, std::size_t)
-                           {
-                               const char ** aliases = nullptr;
-                               std::size_t count = 0;
-                               const zlk_error_t r =
-                                   zlk_prefix_get(w.handle, _blob_prefix.c_str(), 100, &aliases, &count);
-                               zlk_release(w.handle, aliases);
-                               return r;
-                           });
+            return measure(
+                _s.operations,
+                [this](worker & w, std::size_t)
+                {
+                    const char ** aliases = nullptr;
+                    std::size_t count = 0;
+                    const zlk_error_t r =
+                        zlk_prefix_get(w.handle, _blob_prefix.c_str(), 100, &aliases, &count);
+                    zlk_release(w.handle, aliases);
+                    return r;
+                },
+                true);
         }
         if (test == "ts_push")
         {
@@ -443,14 +458,23 @@ private:
     }
 
     // The first visit of a key puts it, the next ones update it.
-    zlk_error_t put_blob(worker & w, const std::vector<std::string> & keys, std::size_t j, bool existing)
+    zlk_error_t put_blob(worker & w, const std::string & key, bool update)
     {
-        const char * alias = keys[j % keys.size()].c_str();
-        if (existing || j >= keys.size())
+        if (update)
         {
-            return zlk_blob_update(w.handle, alias, _content.data(), _content.size(), zlk_never_expires);
+            return zlk_blob_update(w.handle, key.c_str(), _content.data(), _content.size(),
+                                   zlk_never_expires);
         }
-        return zlk_blob_put(w.handle, alias, _content.data(), _content.size(), zlk_never_expires);
+        return zlk_blob_put(w.handle, key.c_str(), _content.data(), _content.size(), zlk_never_expires);
+    }
+
+    // The key of operation g of a test whose threads share one count: key g modulo the keys, whichever
+    // thread draws it (handles are interchangeable), so that a run of N >= K visits each key first
+    // once.
+    const std::string & key_of(kind k, std::size_t g) const
+    {
+        const std::size_t key = g % _s.keys;
+        return _workers[key % _workers.size()].keys(k)[key / _workers.size()];
     }
 
     template <typename Body>
@@ -483,12 +507,20 @@ private:
         }
     }
 
-    // Thread i runs its share of `total` operations; op(w, j) is its j-th. Latencies go to the thread's
-    // own vector, reserved beforehand, so the measured loop neither locks nor allocates.
+    // Thread i runs its share of `total` operations; op(w, j) is its j-th (with `shared`, j is the
+    // operation's number among all). Latencies go to the thread's
+    // own vector, reserved beforehand, so the measured loop neither locks nor allocates (beyond twice
+    // its share, with `shared`).
+    //
+    // With `shared`, the threads draw operations from one count until `total` are done, as a load
+    // generator keeps its connections busy until the requests run out: a thread the scheduler favours
+    // does more, and the run doesn't end on a tail of the slowest threads alone. Otherwise each thread
+    // does exactly its share (the batch and push tests number their calls per thread).
     template <typename Op>
-    test_result measure(std::size_t total, Op op)
+    test_result measure(std::size_t total, Op op, bool shared = false)
     {
         const std::size_t n = _workers.size();
+        std::atomic<std::ptrdiff_t> left{static_cast<std::ptrdiff_t>(total)};
         std::latch ready(static_cast<std::ptrdiff_t>(n + 1));
         std::latch go(1);
         std::vector<std::thread> threads;
@@ -501,18 +533,33 @@ private:
                 worker & w = _workers[i];
                 const std::size_t share = total / n + (i < total % n ? 1 : 0);
                 w.latencies_ns.clear();
-                w.latencies_ns.reserve(share);
+                w.latencies_ns.reserve(shared ? 2 * share + 64 : share);
                 w.errors = 0;
                 w.first_error = zlk_e_ok;
                 threads.emplace_back(
-                    [&w, &op, &ready, &go, share]
+                    [&w, &op, &ready, &go, &left, shared, share, total]
                     {
                         ready.count_down();
                         go.wait();
-                        for (std::size_t j = 0; j < share; ++j)
+                        for (std::size_t j = 0;; ++j)
                         {
+                            // With a shared count, the operation's number among all the threads'.
+                            std::size_t number = j;
+                            if (shared)
+                            {
+                                const std::ptrdiff_t before = left.fetch_sub(1, std::memory_order_relaxed);
+                                if (before <= 0)
+                                {
+                                    break;
+                                }
+                                number = total - static_cast<std::size_t>(before);
+                            }
+                            else if (j >= share)
+                            {
+                                break;
+                            }
                             const auto start = clock_type::now();
-                            const zlk_error_t r = op(w, j);
+                            const zlk_error_t r = op(w, number);
                             const auto stop = clock_type::now();
                             w.latencies_ns.push_back(
                                 std::chrono::duration_cast<std::chrono::nanoseconds>(stop - start).count());
