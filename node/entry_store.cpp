@@ -247,6 +247,9 @@ void entry_store::reindex(const chord::ring_id & key, const std::optional<stored
         // the optional of a nested type.
         index_record r;
         r.alias = committed->alias;
+        const std::size_t word = std::min(r.alias.size(), sizeof(std::uint64_t));
+        std::memcpy(&r.alias_head, r.alias.data(), word);
+        std::memcpy(&r.alias_tail, r.alias.data() + r.alias.size() - word, word);
         r.type = committed->type;
         r.listed_type = static_cast<std::uint8_t>(committed->type);
         if (committed->type == kernel::entry_type::tag_link && !committed->content.empty())
@@ -272,6 +275,37 @@ void entry_store::merge_index_changes() const
     }
     std::stable_sort(_index_changes.begin(), _index_changes.end(),
                      [](const index_change & a, const index_change & b) { return a.key < b.key; });
+    if (_index_changes.size() <= max_changes_in_place)
+    {
+        // A listing right after a write (as every removal makes) finds a change or two: each goes in
+        // place, a shift of the tail, where a new index would move every record into fresh memory.
+        for (std::size_t i = 0; i < _index_changes.size(); ++i)
+        {
+            if (i + 1 < _index_changes.size() && _index_changes[i + 1].key == _index_changes[i].key)
+            {
+                continue; // the last change of a key is the one that counts
+            }
+            index_change & change = _index_changes[i];
+            const auto at =
+                std::lower_bound(_index.begin(), _index.end(), change.key,
+                                 [](const index_entry & e, const chord::ring_id & k) { return e.first < k; });
+            const bool found = at != _index.end() && at->first == change.key;
+            if (change.record && found)
+            {
+                at->second = std::move(*change.record);
+            }
+            else if (change.record)
+            {
+                _index.emplace(at, change.key, std::move(*change.record));
+            }
+            else if (found)
+            {
+                _index.erase(at);
+            }
+        }
+        _index_changes.clear();
+        return;
+    }
     std::vector<index_entry> merged;
     merged.reserve(_index.size() + _index_changes.size());
     auto kept = _index.begin();
@@ -337,7 +371,7 @@ void entry_store::visit(const key_arc & arc, const std::function<bool(const summ
             {
                 continue;
             }
-            if (!f(summary{it->first, r.alias, r.type, r.listed_type}))
+            if (!f(summary{it->first, r.alias, r.type, r.listed_type, r.alias_head, r.alias_tail}))
             {
                 return false;
             }

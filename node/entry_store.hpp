@@ -134,6 +134,10 @@ public:
         std::string_view alias;
         kernel::entry_type type;
         std::uint8_t listed_type;
+        // The alias's first and last eight bytes (all of it, zero-padded, when shorter), kept beside
+        // the key: a listing turns most entries away on them without reading the alias itself.
+        std::uint64_t alias_head;
+        std::uint64_t alias_tail;
     };
 
     // Calls f for each committed live entry of the arc, in ring order from the arc's first key, until f
@@ -187,6 +191,8 @@ private:
     struct index_record
     {
         std::string alias;
+        std::uint64_t alias_head = 0;
+        std::uint64_t alias_tail = 0;
         kernel::entry_type type = kernel::entry_type::blob;
         std::uint8_t listed_type = 0;
         timespec expiry;
@@ -220,6 +226,8 @@ private:
         std::optional<index_record> record;
     };
     static constexpr std::size_t min_index_merge = 4096;
+    // Up to this many changes are merged in place, one shift of the index's tail each.
+    static constexpr std::size_t max_changes_in_place = 8;
     void merge_index_changes() const;
 
     mutable std::mutex _index_mutex;

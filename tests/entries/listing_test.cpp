@@ -96,6 +96,21 @@ TEST_F(three_nodes, CountsAddUpOverTheRing)
     EXPECT_EQ(n, 120u);
     ASSERT_EQ(zlk_prefix_count(c.h, "nothing.", &n), zlk_e_ok);
     EXPECT_EQ(n, 0u);
+
+    // Affixes longer than a word, whose word (first or last eight bytes) many aliases share, and
+    // shorter ones.
+    ASSERT_EQ(zlk_suffix_count(c.h, "0.profile", &n), zlk_e_ok);
+    EXPECT_EQ(n, 12u); // 0, 10, ..., 110
+    ASSERT_EQ(zlk_prefix_count(c.h, "user.10.", &n), zlk_e_ok);
+    EXPECT_EQ(n, 1u);
+    ASSERT_EQ(zlk_prefix_count(c.h, "user.10.profile", &n), zlk_e_ok);
+    EXPECT_EQ(n, 1u);
+    ASSERT_EQ(zlk_prefix_count(c.h, "user.10.profile.", &n), zlk_e_ok);
+    EXPECT_EQ(n, 0u);
+    ASSERT_EQ(zlk_prefix_count(c.h, "user.1", &n), zlk_e_ok);
+    EXPECT_EQ(n, 31u); // 1, 10 to 19, 100 to 119
+    ASSERT_EQ(zlk_suffix_count(c.h, "r.1", &n), zlk_e_ok);
+    EXPECT_EQ(n, 1u); // other.1
 }
 
 TEST_F(three_nodes, MaxCountBoundsTheListWithoutDuplicates)

@@ -3,6 +3,9 @@
 #include <gtest/gtest.h>
 
 #include <atomic>
+#include <cstring>
+#include <map>
+#include <random>
 #include <string>
 #include <thread>
 #include <vector>
@@ -180,6 +183,63 @@ TEST_F(index_fixture, AWalkSeesEveryWriteSinceTheLastOneWhateverTheirNumber)
     EXPECT_EQ(listed({id(150), id(152)}), (std::vector<std::string>{"151", "152"}));
     EXPECT_EQ(stepped({id(n + 97), id(n + 99)}, true),
               (std::vector<std::string>{std::to_string(n + 99), std::to_string(n + 98)}));
+}
+
+// Writes, renames and removals in runs of every length between walks (a few changes are merged in
+// place, many in one pass), against an ordered model; each walk also hands out the alias's first and
+// last eight bytes.
+TEST_F(index_fixture, WalksAgreeWithAnOrderedModelWhateverTheRunsOfChangesBetweenThem)
+{
+    std::mt19937_64 random(4242);
+    std::map<std::uint64_t, std::string> model;
+    const entry_store::key_arc whole{id(0), id(0)};
+    for (int round = 0; round < 300; ++round)
+    {
+        const std::size_t changes = round % 3 == 0 ? 1 + random() % 3 : random() % 40;
+        for (std::size_t c = 0; c < changes; ++c)
+        {
+            const std::uint64_t top = 1 + random() % 200;
+            if (random() % 3 == 0)
+            {
+                ASSERT_FALSE(store.apply(id(top), {}, true,
+                                         [](entry_store::view & v)
+                                         {
+                                             v.entry.reset();
+                                             v.changed = true;
+                                             return error_code{};
+                                         }));
+                model.erase(top);
+            }
+            else
+            {
+                // Aliases from 1 to 20 bytes, so that some are shorter than a word.
+                const std::string alias = std::to_string(top) + std::string(random() % 18, 'x') + "." +
+                                          std::to_string(round);
+                write(top, alias);
+                model[top] = alias;
+            }
+        }
+        std::vector<std::string> expected;
+        for (const auto & [top, alias] : model)
+        {
+            expected.push_back(alias);
+        }
+        std::vector<std::string> seen;
+        store.visit(whole,
+                    [&](const entry_store::summary & s)
+                    {
+                        seen.emplace_back(s.alias);
+                        const std::size_t word = std::min<std::size_t>(s.alias.size(), 8);
+                        std::uint64_t head = 0;
+                        std::uint64_t tail = 0;
+                        std::memcpy(&head, s.alias.data(), word);
+                        std::memcpy(&tail, s.alias.data() + s.alias.size() - word, word);
+                        EXPECT_EQ(s.alias_head, head) << s.alias;
+                        EXPECT_EQ(s.alias_tail, tail) << s.alias;
+                        return true;
+                    });
+        ASSERT_EQ(seen, expected) << "round " << round;
+    }
 }
 
 TEST_F(index_fixture, WalksRunSafelyWhileOtherThreadsWriteAndRemove)
