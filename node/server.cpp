@@ -13,6 +13,7 @@
 
 #include "log/logger.hpp"
 #include "node/address.hpp"
+#include "node/parallel_fill.hpp"
 #include "node/request_processor.hpp"
 #include "wire/category_table.hpp"
 #include "wire/frame.hpp"
@@ -171,6 +172,10 @@ private:
         {
             auto larger = std::make_unique_for_overwrite<std::uint8_t[]>(total);
             std::memcpy(larger.get(), _in.get(), _in_size);
+            // A large frame's room faulted in at once, on several threads, rather than page by page
+            // as the socket fills it, which stalls every read of the frame.
+            const fill_job room{larger.get() + _in_size, nullptr, total - _in_size, total};
+            run_fills(std::span(&room, 1));
             _in = std::move(larger);
             _in_capacity = total;
             return true;

@@ -7,7 +7,7 @@
 #include <numeric>
 
 #include "api/error_categories.hpp"
-#include "node/ts_column_fill.hpp"
+#include "node/parallel_fill.hpp"
 
 namespace zlk::node
 {
@@ -174,14 +174,14 @@ bool append_fixed_values(ts_column_data & c, const ts_incoming_values & values, 
 // n elements more at the end of the vector, to copy `from` into (raw bytes, as the wire carries
 // them: the host's own order on a little-endian machine).
 template <typename T>
-ts_column_fill fill_of(timeseries::pod_vector<T> & v, std::span<const std::uint8_t> from, std::size_t n)
+fill_job fill_of(timeseries::pod_vector<T> & v, std::span<const std::uint8_t> from, std::size_t n)
 {
     auto * to = reinterpret_cast<std::uint8_t *>(v.extend_unpopulated(n));
     return {to, from.data(), n * sizeof(T), v.capacity_bytes()};
 }
 
 // The same for the value vector of a fixed-size column.
-ts_column_fill fill_of(ts_column_data & c, std::span<const std::uint8_t> from, std::size_t n)
+fill_job fill_of(ts_column_data & c, std::span<const std::uint8_t> from, std::size_t n)
 {
     switch (c.type)
     {
@@ -379,7 +379,7 @@ boost::system::error_code ts_bucket::merge_received(std::span<const ts_received_
     std::vector<ts_column_data *> group;
     std::vector<const ts_incoming_values *> group_values;
     std::vector<ts_shared_offsets *> holders;
-    std::vector<ts_column_fill> fills;
+    std::vector<fill_job> fills;
     for (std::size_t i = 0; i < columns.size(); ++i)
     {
         if (merged[i])
@@ -443,7 +443,7 @@ boost::system::error_code ts_bucket::merge_received(std::span<const ts_received_
         {
             fills.push_back(fill_of(*group[k], group_values[k]->fixed, n));
         }
-        run_column_fills(fills);
+        run_fills(fills);
     }
     return {};
 }

@@ -1,4 +1,4 @@
-#include "node/ts_column_fill.hpp"
+#include "node/parallel_fill.hpp"
 
 #include <algorithm>
 #include <atomic>
@@ -20,24 +20,27 @@ constexpr std::size_t parallel_threshold = std::size_t{8} << 20;
 // A share of work: large enough that populating it is one call into the kernel worth making.
 constexpr std::size_t stripe = std::size_t{4} << 20;
 
-void fill(const ts_column_fill & f, std::size_t begin, std::size_t end) noexcept
+void fill(const fill_job & f, std::size_t begin, std::size_t end) noexcept
 {
     timeseries::pod_memory::populate(f.to + begin, end - begin, f.capacity_bytes);
-    std::memcpy(f.to + begin, f.from + begin, end - begin);
+    if (f.from)
+    {
+        std::memcpy(f.to + begin, f.from + begin, end - begin);
+    }
 }
 
 } // namespace
 
-void run_column_fills(std::span<const ts_column_fill> fills)
+void run_fills(std::span<const fill_job> fills)
 {
     std::size_t total = 0;
-    for (const ts_column_fill & f : fills)
+    for (const fill_job & f : fills)
     {
         total += f.size;
     }
     if (total < parallel_threshold)
     {
-        for (const ts_column_fill & f : fills)
+        for (const fill_job & f : fills)
         {
             if (f.size != 0)
             {
@@ -48,13 +51,13 @@ void run_column_fills(std::span<const ts_column_fill> fills)
     }
     struct piece
     {
-        const ts_column_fill * fill;
+        const fill_job * fill;
         std::size_t begin;
         std::size_t end;
     };
     std::vector<piece> pieces;
     pieces.reserve(total / stripe + fills.size());
-    for (const ts_column_fill & f : fills)
+    for (const fill_job & f : fills)
     {
         for (std::size_t at = 0; at < f.size; at += stripe)
         {
