@@ -89,28 +89,31 @@ TEST_F(three_nodes, PrefixAndSuffixListingsFindTheEntriesOfEveryNode)
 
 TEST_F(three_nodes, CountsAddUpOverTheRing)
 {
-    uint64_t n = 0;
-    ASSERT_EQ(zlk_prefix_count(c.h, "user.", &n), zlk_e_ok);
-    EXPECT_EQ(n, 121u);
-    ASSERT_EQ(zlk_suffix_count(c.h, ".profile", &n), zlk_e_ok);
-    EXPECT_EQ(n, 120u);
-    ASSERT_EQ(zlk_prefix_count(c.h, "nothing.", &n), zlk_e_ok);
-    EXPECT_EQ(n, 0u);
-
-    // Affixes longer than a word, whose word (first or last eight bytes) many aliases share, and
-    // shorter ones.
-    ASSERT_EQ(zlk_suffix_count(c.h, "0.profile", &n), zlk_e_ok);
-    EXPECT_EQ(n, 12u); // 0, 10, ..., 110
-    ASSERT_EQ(zlk_prefix_count(c.h, "user.10.", &n), zlk_e_ok);
-    EXPECT_EQ(n, 1u);
-    ASSERT_EQ(zlk_prefix_count(c.h, "user.10.profile", &n), zlk_e_ok);
-    EXPECT_EQ(n, 1u);
-    ASSERT_EQ(zlk_prefix_count(c.h, "user.10.profile.", &n), zlk_e_ok);
-    EXPECT_EQ(n, 0u);
-    ASSERT_EQ(zlk_prefix_count(c.h, "user.1", &n), zlk_e_ok);
-    EXPECT_EQ(n, 31u); // 1, 10 to 19, 100 to 119
-    ASSERT_EQ(zlk_suffix_count(c.h, "r.1", &n), zlk_e_ok);
-    EXPECT_EQ(n, 1u); // other.1
+    using count_function = zlk_error_t (*)(zlk_handle_t, const char *, uint64_t *);
+    const struct
+    {
+        count_function count;
+        const char * affix;
+        uint64_t expected;
+    } cases[] = {
+        {zlk_prefix_count, "user.", 121},
+        {zlk_suffix_count, ".profile", 120},
+        {zlk_prefix_count, "nothing.", 0},
+        // Affixes longer than a word, whose word (first or last eight bytes) many aliases share, and
+        // shorter ones.
+        {zlk_suffix_count, "0.profile", 12}, // 0, 10, ..., 110
+        {zlk_prefix_count, "user.10.", 1},
+        {zlk_prefix_count, "user.10.profile", 1},
+        {zlk_prefix_count, "user.10.profile.", 0},
+        {zlk_prefix_count, "user.1", 31}, // 1, 10 to 19, 100 to 119
+        {zlk_suffix_count, "r.1", 1},     // other.1
+    };
+    for (const auto & k : cases)
+    {
+        uint64_t n = 0;
+        ASSERT_EQ(k.count(c.h, k.affix, &n), zlk_e_ok) << k.affix;
+        EXPECT_EQ(n, k.expected) << k.affix;
+    }
 }
 
 TEST_F(three_nodes, MaxCountBoundsTheListWithoutDuplicates)

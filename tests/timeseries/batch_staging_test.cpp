@@ -9,6 +9,7 @@
 #include <vector>
 
 #include "api/error_categories.hpp"
+#include "staging_test_support.hpp"
 #include "timeseries/batch_columns.hpp"
 #include "timeseries/shard_write.hpp"
 
@@ -19,24 +20,9 @@ namespace
 
 using kernel::column_type;
 
-constexpr std::int64_t hour_ms = 3600 * 1000;
-
-column_entry entry(std::string table, std::string column, column_type type, std::uint64_t index,
-                   std::uint64_t shard_size = hour_ms)
-{
-    column_entry e;
-    e.table = std::move(table);
-    e.column = std::move(column);
-    e.type = type;
-    e.index = index;
-    e.shard_size = shard_size;
-    return e;
-}
-
-timespec at_ms(std::int64_t ms)
-{
-    return timespec{ms / 1000, (ms % 1000) * 1000000};
-}
+using staging_test::at_ms;
+using staging_test::entry;
+using staging_test::hour_ms;
 
 template <typename Payload>
 const Payload & payload(const shard_chunk & chunk, std::size_t column)

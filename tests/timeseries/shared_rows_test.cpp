@@ -10,6 +10,7 @@
 #include <string>
 #include <vector>
 
+#include "staging_test_support.hpp"
 #include "timeseries/table_writer.hpp"
 
 namespace zlk::timeseries
@@ -23,19 +24,10 @@ constexpr std::int64_t shard_ms = 1000;
 
 column_entry entry(std::string column, column_type type, std::uint64_t index)
 {
-    column_entry e;
-    e.table = "t";
-    e.column = std::move(column);
-    e.type = type;
-    e.index = index;
-    e.shard_size = shard_ms;
-    return e;
+    return staging_test::entry("t", std::move(column), type, index, shard_ms);
 }
 
-timespec at_ms(std::int64_t ms)
-{
-    return timespec{ms / 1000, (ms % 1000) * 1000000};
-}
+using staging_test::at_ms;
 
 // Runs the same calls on a writer left to share rows and on one whose chunks never do.
 struct writer_pair
