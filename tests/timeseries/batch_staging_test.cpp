@@ -295,6 +295,38 @@ TEST_F(shard_write_codec, a_chunk_decodes_to_the_rows_that_were_staged)
     EXPECT_EQ(std::string(v.columns[2].bytes[1].begin(), v.columns[2].bytes[1].end()), text);
 }
 
+// A chunk that keeps its offsets once puts on the wire exactly the bytes of one whose columns have
+// their own: each column carries the offsets.
+TEST_F(shard_write_codec, shared_row_offsets_encode_as_offsets_of_each_column)
+{
+    for (std::int64_t ms = 1; ms <= 5; ++ms)
+    {
+        ASSERT_EQ(staged.start_row(at_ms(ms)), zlk_e_ok);
+        ASSERT_EQ(staged.set_double(0, static_cast<double>(ms)), zlk_e_ok);
+        if (ms != 3)
+        {
+            ASSERT_EQ(staged.set_int64(1, ms), zlk_e_ok);
+        }
+    }
+    const shard_write m = message(protocol::operation::ts_batch_push);
+    ASSERT_TRUE(m.chunk->shared_rows);
+    const std::vector<std::uint8_t> shared = encode(m);
+    shard(writer(), 0).front()->unshare();
+    ASSERT_FALSE(m.chunk->shared_rows);
+    EXPECT_EQ(encode(m), shared);
+
+    shard_write_view v;
+    ASSERT_FALSE(decode(shared, v));
+    ASSERT_EQ(v.columns.size(), 3u);
+    for (const auto & column : v.columns)
+    {
+        EXPECT_EQ(column.rows, 5u) << column.name;
+        EXPECT_TRUE(std::equal(column.offsets.begin(), column.offsets.end(), v.columns[0].offsets.begin(),
+                               v.columns[0].offsets.end()))
+            << column.name;
+    }
+}
+
 TEST_F(shard_write_codec, the_asynchronous_form_has_no_flag_and_the_truncating_form_carries_its_ranges)
 {
     ASSERT_EQ(staged.start_row(at_ms(1)), zlk_e_ok);
