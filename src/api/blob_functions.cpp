@@ -104,26 +104,11 @@ zlk_error_t zlk_blob_get(zlk_handle_t handle, const char * alias, const void ** 
                          size_t * content_length) noexcept
 {
     return api_call(handle, "zlk_blob_get",
-                    [&]() -> zlk_error_t
+                    [&]
                     {
-                        if (!content || !content_length)
-                        {
-                            throw zlk_e_invalid_argument;
-                        }
-                        *content = nullptr;
-                        *content_length = 0;
-                        return zlk::api::run_with_retries(
-                            *handle,
-                            [&]() -> zlk_error_t
-                            {
-                                zlk::chord::owner_reply reply;
-                                const zlk_error_t r = fetch_blob(handle, alias, reply);
-                                if (ZLK_SUCCESS(r))
-                                {
-                                    zlk::api::hand_out_content(*handle, reply, content, content_length);
-                                }
-                                return r;
-                            });
+                        return zlk::api::fetch_content(*handle, content, content_length,
+                                                       [&](zlk::chord::owner_reply & reply)
+                                                       { return fetch_blob(handle, alias, reply); });
                     });
 }
 

@@ -129,27 +129,12 @@ zlk_error_t zlk_direct_blob_get(zlk_direct_handle_t direct, const char * alias, 
 {
     zlk_session * h = parent_of(direct);
     return api_call(h, "zlk_direct_blob_get",
-                    [&]() -> zlk_error_t
+                    [&]
                     {
-                        if (!content || !content_length)
-                        {
-                            throw zlk_e_invalid_argument;
-                        }
-                        *content = nullptr;
-                        *content_length = 0;
-                        return zlk::api::run_with_retries(
-                            *h,
-                            [&]() -> zlk_error_t
-                            {
-                                zlk::chord::owner_reply reply;
-                                const zlk_error_t r =
-                                    direct_get(*direct, alias, zlk::kernel::entry_type::blob, reply);
-                                if (ZLK_SUCCESS(r))
-                                {
-                                    zlk::api::hand_out_content(*h, reply, content, content_length);
-                                }
-                                return r;
-                            });
+                        return zlk::api::fetch_content(
+                            *h, content, content_length,
+                            [&](zlk::chord::owner_reply & reply)
+                            { return direct_get(*direct, alias, zlk::kernel::entry_type::blob, reply); });
                     });
 }
 

@@ -9,6 +9,7 @@
 
 #include "api/argument_checks.hpp"
 #include "api/handle.hpp"
+#include "api/retry_frame.hpp"
 #include "entries/entry_requests.hpp"
 #include "entries/listing_requests.hpp"
 #include "entries/transaction.hpp"
@@ -40,6 +41,30 @@ zlk_error_t send_entry_request(zlk_session & h, const chord::ring_id & key, std:
 // nothing and gives null and 0.
 void hand_out_content(zlk_session & h, const chord::owner_reply & reply, const void ** content,
                       std::size_t * length);
+
+// A read of content for the caller: checks the out-parameters, clears them, then runs fetch(reply)
+// under the retry frame and hands out the content of a successful reply.
+template <typename Fetch>
+zlk_error_t fetch_content(zlk_session & h, const void ** content, std::size_t * length, Fetch && fetch)
+{
+    if (!content || !length)
+    {
+        throw zlk_e_invalid_argument;
+    }
+    *content = nullptr;
+    *length = 0;
+    return run_with_retries(h,
+                            [&]() -> zlk_error_t
+                            {
+                                chord::owner_reply reply;
+                                const zlk_error_t r = fetch(reply);
+                                if (ZLK_SUCCESS(r))
+                                {
+                                    hand_out_content(h, reply, content, length);
+                                }
+                                return r;
+                            });
+}
 
 // The content of a reply, decompressed when need be, into `scratch` only when that was needed.
 std::span<const std::uint8_t> reply_content(const chord::owner_reply & reply,
