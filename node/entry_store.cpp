@@ -45,6 +45,23 @@ bool before_or_at(const timespec & a, const timespec & b) noexcept
     return a.tv_sec < b.tv_sec || (a.tv_sec == b.tv_sec && a.tv_nsec <= b.tv_nsec);
 }
 
+// The type a listing filters on: a tag link is listed under the type of entry it tags.
+std::uint8_t listed_type_of(const stored_entry & e) noexcept
+{
+    if (e.type == kernel::entry_type::tag_link && !e.content.empty())
+    {
+        return e.content.front();
+    }
+    return static_cast<std::uint8_t>(e.type);
+}
+
+// Whether the index holds the same record for both versions of an entry.
+bool indexed_alike(const stored_entry & a, const stored_entry & b) noexcept
+{
+    return a.type == b.type && a.expiry == b.expiry && listed_type_of(a) == listed_type_of(b) &&
+           a.alias == b.alias;
+}
+
 } // namespace
 
 entry_store::entry_store(entry_store_limits limits, clock now)
@@ -172,8 +189,15 @@ error_code entry_store::apply(const chord::ring_id & key, const zlk::uuid & stam
         }
         else
         {
+            // A rewrite that leaves what the index shows as it was (an update of the content, the
+            // common case) skips the index: no record built, no index lock taken.
+            const bool index_unchanged =
+                writes && sl.committed && v.entry && indexed_alike(*sl.committed, *v.entry);
             sl.committed = std::move(v.entry);
-            reindex(key, sl.committed);
+            if (!index_unchanged)
+            {
+                reindex(key, sl.committed);
+            }
         }
     }
     if (!sl.committed && !sl.pending)
@@ -251,11 +275,7 @@ void entry_store::reindex(const chord::ring_id & key, const std::optional<stored
         std::memcpy(&r.alias_head, r.alias.data(), word);
         std::memcpy(&r.alias_tail, r.alias.data() + r.alias.size() - word, word);
         r.type = committed->type;
-        r.listed_type = static_cast<std::uint8_t>(committed->type);
-        if (committed->type == kernel::entry_type::tag_link && !committed->content.empty())
-        {
-            r.listed_type = committed->content.front();
-        }
+        r.listed_type = listed_type_of(*committed);
         r.expiry = committed->expiry;
         change.record = std::move(r);
     }

@@ -146,6 +146,68 @@ TEST_F(index_fixture, OnlyCommittedLiveEntriesAreSeen)
     EXPECT_EQ(listed(whole), (std::vector<std::string>{"staged"}));
 }
 
+// A rewrite that keeps the alias, type, listed type and expiry leaves the index as it is; any of those
+// changing must still show in the next walk.
+TEST_F(index_fixture, ARewriteShowsInTheIndexExactlyWhenWhatItListsChanges)
+{
+    const entry_store::key_arc whole{id(0), id(0)};
+    const auto rewrite = [&](kernel::entry_type type, std::vector<std::uint8_t> content, std::int64_t expiry)
+    {
+        ASSERT_FALSE(store.apply(id(5), {}, true,
+                                 [&](entry_store::view & v)
+                                 {
+                                     v.entry->type = type;
+                                     v.entry->content = content;
+                                     v.entry->expiry = timespec{expiry, 0};
+                                     v.changed = true;
+                                     return error_code{};
+                                 }));
+    };
+    struct shown
+    {
+        std::string alias;
+        kernel::entry_type type;
+        std::uint8_t listed_type;
+        bool operator==(const shown &) const = default;
+    };
+    const auto walk = [&]
+    {
+        std::vector<shown> out;
+        store.visit(whole,
+                    [&](const entry_store::summary & s)
+                    {
+                        out.push_back({std::string(s.alias), s.type, s.listed_type});
+                        return true;
+                    });
+        return out;
+    };
+    const auto blob = static_cast<std::uint8_t>(kernel::entry_type::blob);
+    const auto integer = static_cast<std::uint8_t>(kernel::entry_type::integer);
+
+    write(5, "entry");
+    ASSERT_EQ(walk(), (std::vector<shown>{{"entry", kernel::entry_type::blob, blob}}));
+    rewrite(kernel::entry_type::blob, {1, 2, 3}, 0);
+    EXPECT_EQ(walk(), (std::vector<shown>{{"entry", kernel::entry_type::blob, blob}}));
+
+    // A new time of expiry: gone once it passes, back when a rewrite lifts it.
+    rewrite(kernel::entry_type::blob, {1, 2, 3}, 1500);
+    now = timespec{1600, 0};
+    EXPECT_TRUE(walk().empty());
+    write(5, "entry");
+    EXPECT_EQ(walk().size(), 1u);
+
+    rewrite(kernel::entry_type::integer, {0, 0, 0, 0, 0, 0, 0, 0}, 0);
+    EXPECT_EQ(walk(), (std::vector<shown>{{"entry", kernel::entry_type::integer, integer}}));
+
+    // A tag link is listed under the type its content names: from a blob to a link to blobs, only the
+    // type changes.
+    rewrite(kernel::entry_type::blob, {1}, 0);
+    rewrite(kernel::entry_type::tag_link, {blob}, 0);
+    EXPECT_EQ(walk(), (std::vector<shown>{{"entry", kernel::entry_type::tag_link, blob}}));
+    rewrite(kernel::entry_type::tag_link, {integer}, 0);
+    EXPECT_EQ(walk(), (std::vector<shown>{{"entry", kernel::entry_type::tag_link, integer}}));
+}
+
 // Writes reach the index in batches: many writes, rewrites and removals of the same keys between two
 // walks, and more than one batch's worth between others, must read as the store holds them.
 TEST_F(index_fixture, AWalkSeesEveryWriteSinceTheLastOneWhateverTheirNumber)
@@ -213,8 +275,8 @@ TEST_F(index_fixture, WalksAgreeWithAnOrderedModelWhateverTheRunsOfChangesBetwee
             else
             {
                 // Aliases from 1 to 20 bytes, so that some are shorter than a word.
-                const std::string alias = std::to_string(top) + std::string(random() % 18, 'x') + "." +
-                                          std::to_string(round);
+                const std::string alias =
+                    std::to_string(top) + std::string(random() % 18, 'x') + "." + std::to_string(round);
                 write(top, alias);
                 model[top] = alias;
             }
