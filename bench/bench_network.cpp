@@ -4,6 +4,10 @@
 // connection answering every frame with one small fixed frame): the difference is what encoding,
 // framing, decoding and the pool add to a round trip. The goal is within 1.2 times the bare figure.
 //
+// blocking_ping_pong_32 is the same bare exchange on 32 threads at once, each with its own connection,
+// against a two-thread epoll responder: the ceiling for zlk-bench's 32-thread put and get tests on this
+// machine, where every round trip puts a client thread to sleep and wakes it.
+//
 // pool_hit is get_client then return_client of an idle client: it must not allocate, which the global
 // operator new below counts (sync_exchange reports its count too: the reply buffer's).
 #include <benchmark/benchmark.h>
@@ -19,6 +23,7 @@
 
 #include "allocation_counting.hpp"
 #include "blocking_io.hpp"
+#include "epoll_responder.hpp"
 #include "network/broker_service.hpp"
 #include "network/request.hpp"
 #include "scripted_peer.hpp"
@@ -112,6 +117,38 @@ void blocking_ping_pong(benchmark::State & state)
     ::close(fd);
 }
 BENCHMARK(blocking_ping_pong)->UseRealTime();
+
+void blocking_ping_pong_32(benchmark::State & state)
+{
+    const bytes request = encode(protocol::message{chord::chord_request_ping{}});
+    const bytes reply = small_reply();
+    // One responder for the whole run, made by whichever thread comes first.
+    static zlk::bench::epoll_responder responder(request.size(), reply, 2);
+
+    const int fd = ::socket(AF_INET, SOCK_STREAM, 0);
+    const int on = 1;
+    ::setsockopt(fd, IPPROTO_TCP, TCP_NODELAY, &on, sizeof on);
+    ::sockaddr_in address{};
+    address.sin_family = AF_INET;
+    address.sin_addr.s_addr = htonl(INADDR_LOOPBACK);
+    address.sin_port = htons(responder.port());
+    const bool connected = ::connect(fd, reinterpret_cast<::sockaddr *>(&address), sizeof address) == 0;
+    std::vector<std::uint8_t> in(reply.size());
+    for (auto _ : state)
+    {
+        if (!connected ||
+            ::write(fd, request.data(), request.size()) != static_cast<ssize_t>(request.size()) ||
+            !read_exactly(fd, in.data(), in.size()))
+        {
+            state.SkipWithError("exchange failed");
+            break;
+        }
+        benchmark::DoNotOptimize(in.data());
+    }
+    ::close(fd);
+    state.SetItemsProcessed(state.iterations());
+}
+BENCHMARK(blocking_ping_pong_32)->Threads(32)->UseRealTime();
 
 void pool_hit(benchmark::State & state)
 {
