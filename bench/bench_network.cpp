@@ -12,8 +12,6 @@
 // operator new below counts (sync_exchange reports its count too: the reply buffer's).
 #include <benchmark/benchmark.h>
 
-#include <netinet/in.h>
-#include <netinet/tcp.h>
 #include <sys/socket.h>
 #include <unistd.h>
 
@@ -32,6 +30,7 @@
 namespace
 {
 
+using zlk::network::testing::connect_loopback;
 using zlk::network::testing::read_exactly;
 
 using namespace zlk;
@@ -90,17 +89,10 @@ void blocking_ping_pong(benchmark::State & state)
     peer.set_default(step::answer(reply));
     const bytes request = encode(protocol::message{chord::chord_request_ping{}});
 
-    const int fd = ::socket(AF_INET, SOCK_STREAM, 0);
-    const int on = 1;
-    ::setsockopt(fd, IPPROTO_TCP, TCP_NODELAY, &on, sizeof on);
-    ::sockaddr_in address{};
-    address.sin_family = AF_INET;
-    address.sin_addr.s_addr = htonl(INADDR_LOOPBACK);
-    address.sin_port = htons(peer.endpoint().port());
-    if (::connect(fd, reinterpret_cast<::sockaddr *>(&address), sizeof address) != 0)
+    const int fd = connect_loopback(peer.endpoint().port());
+    if (fd < 0)
     {
         state.SkipWithError("connect failed");
-        ::close(fd);
         return;
     }
     std::vector<std::uint8_t> in(reply.size());
@@ -125,14 +117,8 @@ void blocking_ping_pong_32(benchmark::State & state)
     // One responder for the whole run, made by whichever thread comes first.
     static zlk::bench::epoll_responder responder(request.size(), reply, 2);
 
-    const int fd = ::socket(AF_INET, SOCK_STREAM, 0);
-    const int on = 1;
-    ::setsockopt(fd, IPPROTO_TCP, TCP_NODELAY, &on, sizeof on);
-    ::sockaddr_in address{};
-    address.sin_family = AF_INET;
-    address.sin_addr.s_addr = htonl(INADDR_LOOPBACK);
-    address.sin_port = htons(responder.port());
-    const bool connected = ::connect(fd, reinterpret_cast<::sockaddr *>(&address), sizeof address) == 0;
+    const int fd = connect_loopback(responder.port());
+    const bool connected = fd >= 0;
     std::vector<std::uint8_t> in(reply.size());
     for (auto _ : state)
     {
@@ -145,7 +131,10 @@ void blocking_ping_pong_32(benchmark::State & state)
         }
         benchmark::DoNotOptimize(in.data());
     }
-    ::close(fd);
+    if (connected)
+    {
+        ::close(fd);
+    }
     state.SetItemsProcessed(state.iterations());
 }
 BENCHMARK(blocking_ping_pong_32)->Threads(32)->UseRealTime();

@@ -3,8 +3,6 @@
 // of the same frame with the same node, so that the routing and connection overhead reads directly.
 #include <benchmark/benchmark.h>
 
-#include <netinet/in.h>
-#include <netinet/tcp.h>
 #include <sys/socket.h>
 #include <unistd.h>
 
@@ -25,6 +23,7 @@
 namespace
 {
 
+using zlk::network::testing::connect_loopback;
 using zlk::network::testing::read_exactly;
 
 using namespace zlk;
@@ -127,17 +126,10 @@ void bare_ping_pong(benchmark::State & state)
     std::vector<std::uint8_t> frame;
     serialization::flatten_into(scatter, frame);
 
-    const int fd = ::socket(AF_INET, SOCK_STREAM, 0);
-    const int on = 1;
-    ::setsockopt(fd, IPPROTO_TCP, TCP_NODELAY, &on, sizeof on);
-    ::sockaddr_in address{};
-    address.sin_family = AF_INET;
-    address.sin_addr.s_addr = htonl(INADDR_LOOPBACK);
-    address.sin_port = htons(cluster.endpoint(0).port());
-    if (::connect(fd, reinterpret_cast<::sockaddr *>(&address), sizeof address) != 0)
+    const int fd = connect_loopback(cluster.endpoint(0).port());
+    if (fd < 0)
     {
         state.SkipWithError("connect failed");
-        ::close(fd);
         return;
     }
     std::vector<std::uint8_t> in(4096);

@@ -2,6 +2,9 @@
 // the benchmarks.
 #pragma once
 
+#include <arpa/inet.h>
+#include <netinet/in.h>
+#include <netinet/tcp.h>
 #include <sys/socket.h>
 #include <unistd.h>
 
@@ -40,6 +43,28 @@ inline bool write_all(int fd, const std::uint8_t * data, std::size_t size)
         done += static_cast<std::size_t>(n);
     }
     return true;
+}
+
+// A blocking socket connected to 127.0.0.1:port with TCP_NODELAY, or -1.
+inline int connect_loopback(std::uint16_t port)
+{
+    const int fd = ::socket(AF_INET, SOCK_STREAM, 0);
+    if (fd < 0)
+    {
+        return -1;
+    }
+    const int on = 1;
+    ::setsockopt(fd, IPPROTO_TCP, TCP_NODELAY, &on, sizeof on);
+    ::sockaddr_in address{};
+    address.sin_family = AF_INET;
+    address.sin_addr.s_addr = htonl(INADDR_LOOPBACK);
+    address.sin_port = htons(port);
+    if (::connect(fd, reinterpret_cast<::sockaddr *>(&address), sizeof address) != 0)
+    {
+        ::close(fd);
+        return -1;
+    }
+    return fd;
 }
 
 } // namespace zlk::network::testing
