@@ -32,6 +32,7 @@ node_state::node_state(node_settings settings, std::shared_ptr<const operation_r
     , _operations(operations ? std::move(operations)
                              : std::make_shared<const operation_registry>(standard_operations()))
     , _startup(std::chrono::system_clock::now())
+    , _ring(std::make_shared<const membership>(std::vector<chord::node_info>{}))
     , _faults(std::make_shared<const fault_settings>())
     , _peers(_settings.peer_timeout)
 {
@@ -42,7 +43,7 @@ node_state::node_state(node_settings settings, std::shared_ptr<const operation_r
     _settings_error = set_members(_members);
     if (_settings_error)
     {
-        _ring = std::make_shared<const membership>(std::vector<chord::node_info>{_self});
+        _ring.set(std::make_shared<const membership>(std::vector<chord::node_info>{_self}));
     }
 }
 
@@ -59,8 +60,7 @@ void node_state::set_self_endpoint(const asio::ip::tcp::endpoint & endpoint)
 
 std::shared_ptr<const membership> node_state::ring() const
 {
-    std::lock_guard lock(_mutex);
-    return _ring;
+    return _ring.get();
 }
 
 boost::system::error_code node_state::set_members(std::vector<chord::node_info> members)
@@ -76,34 +76,48 @@ boost::system::error_code node_state::set_members(std::vector<chord::node_info> 
     auto next = std::make_shared<const membership>(std::move(all));
     std::lock_guard lock(_mutex);
     _members = std::move(members);
-    _ring = std::move(next);
+    _ring.set(std::move(next));
     return {};
 }
 
 std::shared_ptr<const fault_settings> node_state::faults() const
 {
-    std::lock_guard lock(_mutex);
-    return _faults;
+    return _faults.get();
 }
 
 void node_state::set_faults(fault_settings faults)
 {
-    auto next = std::make_shared<const fault_settings>(std::move(faults));
-    std::lock_guard lock(_mutex);
-    _faults = std::move(next);
+    _faults.set(std::make_shared<const fault_settings>(std::move(faults)));
+}
+
+node_state::counter_stripe & node_state::this_thread_stripe() noexcept
+{
+    // Threads take stripes in turn as they first count: the I/O threads of a node, started together,
+    // land on different ones.
+    static std::atomic<std::size_t> threads{0};
+    thread_local const std::size_t stripe = threads.fetch_add(1, std::memory_order_relaxed) % counter_stripes;
+    return _counters[stripe];
 }
 
 void node_state::count_reply(bool success) noexcept
 {
-    _count.fetch_add(1, std::memory_order_relaxed);
-    (success ? _successes : _failures).fetch_add(1, std::memory_order_relaxed);
+    counter_stripe & s = this_thread_stripe();
+    s.count.fetch_add(1, std::memory_order_relaxed);
+    (success ? s.successes : s.failures).fetch_add(1, std::memory_order_relaxed);
 }
 
 node_counters node_state::counters() const noexcept
 {
-    return node_counters{_count.load(std::memory_order_relaxed), _successes.load(std::memory_order_relaxed),
-                         _failures.load(std::memory_order_relaxed), _in_bytes.load(std::memory_order_relaxed),
-                         _out_bytes.load(std::memory_order_relaxed)};
+    node_counters sum;
+    for (const counter_stripe & s : _counters)
+    {
+        sum.count += s.count.load(std::memory_order_relaxed);
+        sum.successes += s.successes.load(std::memory_order_relaxed);
+        sum.failures += s.failures.load(std::memory_order_relaxed);
+        sum.in_bytes += s.in_bytes.load(std::memory_order_relaxed);
+        sum.out_bytes += s.out_bytes.load(std::memory_order_relaxed);
+    }
+    return sum;
 }
 
 zlk::uuid node_state::next_stamp() noexcept

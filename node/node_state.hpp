@@ -4,8 +4,10 @@
 // drive it directly.
 #pragma once
 
+#include <array>
 #include <atomic>
 #include <chrono>
+#include <cstddef>
 #include <cstdint>
 #include <functional>
 #include <memory>
@@ -16,6 +18,7 @@
 #include "node/membership.hpp"
 #include "node/operations.hpp"
 #include "node/peer_pool.hpp"
+#include "node/read_mostly.hpp"
 #include "node/settings.hpp"
 #include "wire/uuid.hpp"
 
@@ -62,8 +65,8 @@ public:
     void set_faults(fault_settings faults);
 
     void count_reply(bool success) noexcept;
-    void count_in(std::uint64_t bytes) noexcept { _in_bytes.fetch_add(bytes, std::memory_order_relaxed); }
-    void count_out(std::uint64_t bytes) noexcept { _out_bytes.fetch_add(bytes, std::memory_order_relaxed); }
+    void count_in(std::uint64_t bytes) noexcept { add(&counter_stripe::in_bytes, bytes); }
+    void count_out(std::uint64_t bytes) noexcept { add(&counter_stripe::out_bytes, bytes); }
     node_counters counters() const noexcept;
 
     // A fresh stamp: the current time, this node's id and a number that never repeats in this node.
@@ -87,16 +90,29 @@ private:
     boost::system::error_code _settings_error;
 
     mutable std::mutex _mutex;
-    std::shared_ptr<const membership> _ring;
+    read_mostly<membership> _ring;
     std::vector<chord::node_info> _members;
-    std::shared_ptr<const fault_settings> _faults;
+    read_mostly<fault_settings> _faults;
     std::function<void()> _stop_handler;
 
-    std::atomic<std::uint64_t> _count{0};
-    std::atomic<std::uint64_t> _successes{0};
-    std::atomic<std::uint64_t> _failures{0};
-    std::atomic<std::uint64_t> _in_bytes{0};
-    std::atomic<std::uint64_t> _out_bytes{0};
+    // Every request counts, on whichever I/O thread it arrives: each thread adds to a stripe of its own
+    // cache line, and the status record sums them.
+    struct alignas(64) counter_stripe
+    {
+        std::atomic<std::uint64_t> count{0};
+        std::atomic<std::uint64_t> successes{0};
+        std::atomic<std::uint64_t> failures{0};
+        std::atomic<std::uint64_t> in_bytes{0};
+        std::atomic<std::uint64_t> out_bytes{0};
+    };
+    static constexpr std::size_t counter_stripes = 8;
+    counter_stripe & this_thread_stripe() noexcept;
+    void add(std::atomic<std::uint64_t> counter_stripe::*counter, std::uint64_t n) noexcept
+    {
+        (this_thread_stripe().*counter).fetch_add(n, std::memory_order_relaxed);
+    }
+    std::array<counter_stripe, counter_stripes> _counters;
+
     std::atomic<std::uint32_t> _stamps{0};
 
     peer_pool _peers;
