@@ -157,9 +157,14 @@ constexpr const operation_info * find_operation(std::uint16_t number) noexcept
     return &operation_table[detail::operation_index[number]];
 }
 
+// An operation value made by a cast from a number outside the table gets this row rather than a null
+// dereference.
+inline constexpr operation_info unknown_operation{operation{0}, operation_class::administrative, "unknown"};
+
 constexpr const operation_info & operation_of(operation op) noexcept
 {
-    return *find_operation(static_cast<std::uint16_t>(op));
+    const operation_info * info = find_operation(static_cast<std::uint16_t>(op));
+    return info != nullptr ? *info : unknown_operation;
 }
 
 constexpr operation_class class_of(operation op) noexcept

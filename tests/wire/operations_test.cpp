@@ -41,6 +41,7 @@ TEST(operation_table, looks_up_numbers_and_recognises_unknown_ones)
     for (std::uint16_t unknown : {0, 3, 7, 9, 27, 37, 69, 137, 138, 172, 255, 256, 0xFFFF})
     {
         EXPECT_EQ(find_operation(unknown), nullptr) << unknown;
+        EXPECT_EQ(name_of(static_cast<operation>(unknown)), "unknown") << unknown;
     }
     std::set<std::string_view> names;
     for (const operation_info & info : operation_table)
