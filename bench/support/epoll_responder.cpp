@@ -9,6 +9,7 @@
 #include <sys/socket.h>
 #include <unistd.h>
 
+#include <cerrno>
 #include <cstdint>
 #include <stdexcept>
 #include <unordered_map>
@@ -100,18 +101,32 @@ void epoll_responder::accept_all()
         }
         const int on = 1;
         ::setsockopt(fd, IPPROTO_TCP, TCP_NODELAY, &on, sizeof on);
+        loop & target = _loops[_next_loop++ % _loops.size()];
+        {
+            std::lock_guard lock(target.adopted_mutex);
+            target.adopted.push_back(fd);
+        }
         ::epoll_event event{};
         event.events = EPOLLIN | EPOLLRDHUP;
         event.data.fd = fd;
-        ::epoll_ctl(_loops[_next_loop++ % _loops.size()].epoll, EPOLL_CTL_ADD, fd, &event);
+        ::epoll_ctl(target.epoll, EPOLL_CTL_ADD, fd, &event);
     }
 }
 
 void epoll_responder::run(std::size_t index)
 {
-    const loop & self = _loops[index];
-    // Bytes of a request received so far, per connection of this loop.
+    loop & self = _loops[index];
+    // Bytes of a request received so far, per open connection of this loop.
     std::unordered_map<int, std::size_t> partial;
+    const auto adopt = [&]
+    {
+        std::lock_guard lock(self.adopted_mutex);
+        for (int fd : self.adopted)
+        {
+            partial.emplace(fd, 0);
+        }
+        self.adopted.clear();
+    };
     std::vector<std::uint8_t> in(64 * 1024);
     ::epoll_event events[64];
     for (;;)
@@ -122,6 +137,7 @@ void epoll_responder::run(std::size_t index)
             const int fd = events[i].data.fd;
             if (fd == self.wake)
             {
+                adopt();
                 for (const auto & [open, unused] : partial)
                 {
                     (void)unused;
@@ -134,15 +150,25 @@ void epoll_responder::run(std::size_t index)
                 accept_all();
                 continue;
             }
+            auto connection = partial.find(fd);
+            if (connection == partial.end())
+            {
+                adopt();
+                connection = partial.find(fd);
+            }
             const ssize_t n = ::recv(fd, in.data(), in.size(), 0);
-            if (n <= 0)
+            if (n < 0 && errno == EAGAIN)
+            {
+                continue;
+            }
+            if (n <= 0 || connection == partial.end())
             {
                 ::epoll_ctl(self.epoll, EPOLL_CTL_DEL, fd, nullptr);
                 ::close(fd);
                 partial.erase(fd);
                 continue;
             }
-            std::size_t & held = partial[fd];
+            std::size_t & held = connection->second;
             held += static_cast<std::size_t>(n);
             for (; held >= _request_size; held -= _request_size)
             {

@@ -5,6 +5,7 @@
 
 #include <cstddef>
 #include <cstdint>
+#include <mutex>
 #include <thread>
 #include <vector>
 
@@ -28,6 +29,10 @@ private:
     {
         int epoll = -1;
         int wake = -1;
+        // Connections handed over by the accepting thread and not yet seen by this loop, so that one
+        // that never sends a byte is still closed at the end.
+        std::mutex adopted_mutex;
+        std::vector<int> adopted;
     };
 
     void run(std::size_t index);
