@@ -310,6 +310,7 @@ void entry_store::merge_index_changes() const
                 std::lower_bound(_index.begin(), _index.end(), change.key,
                                  [](const index_entry & e, const chord::ring_id & k) { return e.first < k; });
             const bool found = at != _index.end() && at->first == change.key;
+            note_suffix(change.key, found ? &at->second : nullptr, change.record ? &*change.record : nullptr);
             if (change.record && found)
             {
                 at->second = std::move(*change.record);
@@ -342,7 +343,9 @@ void entry_store::merge_index_changes() const
         {
             merged.push_back(std::move(*kept++));
         }
-        if (kept != _index.end() && kept->first == change.key)
+        const bool found = kept != _index.end() && kept->first == change.key;
+        note_suffix(change.key, found ? &kept->second : nullptr, change.record ? &*change.record : nullptr);
+        if (found)
         {
             ++kept;
         }
@@ -355,6 +358,40 @@ void entry_store::merge_index_changes() const
     std::move(kept, _index.end(), std::back_inserter(merged));
     _index = std::move(merged);
     _index_changes.clear();
+}
+
+namespace
+{
+
+bool ends_with_indexed_suffix(std::string_view alias) noexcept
+{
+    return alias.ends_with(entry_store::indexed_suffix);
+}
+
+std::string reversed(std::string_view text)
+{
+    return std::string(text.rbegin(), text.rend());
+}
+
+} // namespace
+
+void entry_store::note_suffix(const chord::ring_id & key, const index_record * before,
+                              const index_record * after) const
+{
+    const bool was = before != nullptr && ends_with_indexed_suffix(before->alias);
+    const bool is = after != nullptr && ends_with_indexed_suffix(after->alias);
+    if (was && is && before->alias == after->alias)
+    {
+        return;
+    }
+    if (was)
+    {
+        _suffix_index.erase({reversed(before->alias), key});
+    }
+    if (is)
+    {
+        _suffix_index.emplace(reversed(after->alias), key);
+    }
 }
 
 namespace
@@ -409,6 +446,72 @@ void entry_store::visit(const key_arc & arc, const std::function<bool(const summ
     {
         visit_range(_index.begin(), index_upper_bound(_index, arc.self));
     }
+}
+
+void entry_store::visit_suffix(const key_arc & arc, std::string_view suffix,
+                               const std::function<bool(const summary &)> & f) const
+{
+    if (!ends_with_indexed_suffix(suffix))
+    {
+        visit(arc, [&](const summary & s) { return !s.alias.ends_with(suffix) || f(s); });
+        return;
+    }
+    const timespec now = _now();
+    std::lock_guard lock{_index_mutex};
+    merge_index_changes();
+    const std::string tail = reversed(suffix);
+    const bool whole_ring = arc.predecessor == arc.self;
+    const auto in_arc = [&](const chord::ring_id & key)
+    {
+        if (whole_ring)
+        {
+            return true;
+        }
+        return arc.predecessor < arc.self ? arc.predecessor < key && key <= arc.self
+                                          : arc.predecessor < key || key <= arc.self;
+    };
+    std::vector<chord::ring_id> keys;
+    for (auto it = _suffix_index.lower_bound({tail, chord::ring_id{}});
+         it != _suffix_index.end() && it->first.starts_with(tail); ++it)
+    {
+        if (in_arc(it->second))
+        {
+            keys.push_back(it->second);
+        }
+    }
+    // The walk's order: the keys after the predecessor first, then those that come round through zero.
+    std::sort(keys.begin(), keys.end(),
+              [&](const chord::ring_id & a, const chord::ring_id & b)
+              {
+                  const bool a_high = arc.predecessor < a;
+                  const bool b_high = arc.predecessor < b;
+                  return a_high != b_high ? a_high : a < b;
+              });
+    visit_keys(keys, now, f);
+}
+
+bool entry_store::visit_keys(const std::vector<chord::ring_id> & keys, const timespec & now,
+                             const std::function<bool(const summary &)> & f) const
+{
+    for (const chord::ring_id & key : keys)
+    {
+        const auto it = index_lower_bound(_index, key);
+        if (it == _index.end() || it->first != key)
+        {
+            continue;
+        }
+        const index_record & r = it->second;
+        const bool never = r.expiry.tv_sec == 0 && r.expiry.tv_nsec == 0;
+        if (!never && before_or_at(r.expiry, now))
+        {
+            continue;
+        }
+        if (!f(summary{it->first, r.alias, r.type, r.listed_type, r.alias_head, r.alias_tail}))
+        {
+            return false;
+        }
+    }
+    return true;
 }
 
 bool entry_store::read_committed(const chord::ring_id & key, const timespec & now, stored_entry & out) const

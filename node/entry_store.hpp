@@ -25,6 +25,7 @@
 #include <memory>
 #include <mutex>
 #include <optional>
+#include <set>
 #include <span>
 #include <string>
 #include <string_view>
@@ -144,6 +145,16 @@ public:
     // returns false. f runs under the index lock and must not call the store.
     void visit(const key_arc & arc, const std::function<bool(const summary &)> & f) const;
 
+    // Aliases ending with this are also kept in an index of their own, by their bytes from the end:
+    // that is how tag links end, and listing the links of one entry (every removal does) would
+    // otherwise walk everything the node holds.
+    static constexpr std::string_view indexed_suffix = ".tag";
+
+    // The walk of visit() restricted to the aliases that end with `suffix`, in the same order. Served
+    // from the suffix index, without walking the other entries, when `suffix` ends with indexed_suffix.
+    void visit_suffix(const key_arc & arc, std::string_view suffix,
+                      const std::function<bool(const summary &)> & f) const;
+
     // The same walk with each entry whole, read under its shard's lock (content included).
     void visit_entries(const key_arc & arc,
                        const std::function<bool(const chord::ring_id &, const stored_entry &)> & f) const;
@@ -229,10 +240,20 @@ private:
     // Up to this many changes are merged in place, one shift of the index's tail each.
     static constexpr std::size_t max_changes_in_place = 8;
     void merge_index_changes() const;
+    // Keeps the suffix index in line with a key's index record going from `before` to `after` (either
+    // may be null). Under the index lock.
+    void note_suffix(const chord::ring_id & key, const index_record * before,
+                     const index_record * after) const;
+    // Calls f for the summary of each key of `keys` (all in the index, sorted in the arc's order).
+    bool visit_keys(const std::vector<chord::ring_id> & keys, const timespec & now,
+                    const std::function<bool(const summary &)> & f) const;
 
     mutable std::mutex _index_mutex;
     mutable std::vector<index_entry> _index;
     mutable std::vector<index_change> _index_changes;
+    // (alias reversed, key) for every indexed alias that ends with indexed_suffix, merged with the
+    // index; under _index_mutex.
+    mutable std::set<std::pair<std::string, chord::ring_id>> _suffix_index;
 };
 
 } // namespace zlk::node

@@ -148,6 +148,22 @@ struct window
 
 class listing_handlers
 {
+    // The listed entries of the arc whose alias has the affix, in the walk's order, until f says stop.
+    template <typename F>
+    void visit_matches(const entry_store::key_arc & arc, std::string_view affix, std::uint8_t kind, F && f)
+    {
+        const auto matching = [&](const entry_store::summary & s)
+        { return s.alias.empty() || !matches_affix(s, affix, kind) || f(s); };
+        if (kind == affix_suffix)
+        {
+            _store->visit_suffix(arc, affix, matching);
+        }
+        else
+        {
+            _store->visit(arc, matching);
+        }
+    }
+
 public:
     explicit listing_handlers(std::shared_ptr<entry_store> store)
         : _store(std::move(store))
@@ -187,13 +203,9 @@ public:
         const entry_store::key_arc arc =
             direct ? entry_store::key_arc{ctx.self().id, ctx.self().id} : own_arc(ctx);
         list_reply out(ctx.content(), flag == listing_with_types);
-        _store->visit(arc,
+        visit_matches(arc, affix, kind,
                       [&](const entry_store::summary & s)
                       {
-                          if (s.alias.empty() || !matches_affix(s, affix, kind))
-                          {
-                              return true;
-                          }
                           bool more = true;
                           if (w.take(more))
                           {
@@ -231,13 +243,10 @@ public:
             return;
         }
         std::uint64_t n = 0;
-        _store->visit(own_arc(ctx),
-                      [&](const entry_store::summary & s)
+        visit_matches(own_arc(ctx), affix, kind,
+                      [&](const entry_store::summary &)
                       {
-                          if (!s.alias.empty() && matches_affix(s, affix, kind))
-                          {
-                              ++n;
-                          }
+                          ++n;
                           return limit == 0 || n < limit;
                       });
         reply.value = n;

@@ -1,6 +1,10 @@
 // The node's entry store: expiry on its own clock, and the visibility rules of staged transactions.
 #include <gtest/gtest.h>
 
+#include <random>
+#include <string>
+#include <vector>
+
 #include "api/error_categories.hpp"
 #include "node/entry_store.hpp"
 
@@ -168,6 +172,118 @@ TEST_F(store_fixture, a_failed_operation_changes_nothing)
                                       });
     EXPECT_EQ(ec, make_error_code(kernel::error::overflow));
     EXPECT_EQ(read(), 1);
+}
+
+// Listing by a suffix that ends like a tag link is answered from an index of its own; the plain walk
+// with a filter is the reference, over writes, removals, renamed aliases and expiries merged both ways
+// (a few changes in place, many in one pass), for arcs that do and don't go round through zero.
+TEST_F(store_fixture, a_suffix_listing_sees_what_the_whole_walk_sees)
+{
+    std::mt19937_64 random(7);
+    std::vector<chord::ring_id> keys(300);
+    for (auto & k : keys)
+    {
+        k = chord::ring_id{{random(), random(), random(), random()}};
+    }
+    const auto alias_for = [&](std::size_t n)
+    {
+        const std::string entry = "e" + std::to_string(n % 23);
+        switch (n % 4)
+        {
+        case 0:
+            return std::string("\xC0\x80tag.t") + std::to_string(n % 5) + "." + entry + ".tag";
+        case 1:
+            return entry + ".tag";
+        case 2:
+            return entry;
+        default:
+            return std::string("\xC0\x80tag.t1.x.") + entry + ".tag";
+        }
+    };
+    const auto put = [&](const chord::ring_id & k, std::string alias, timespec expiry)
+    {
+        ASSERT_FALSE(store.apply(k, {}, true,
+                                 [&](entry_store::view & v)
+                                 {
+                                     v.entry.emplace();
+                                     v.entry->alias = alias;
+                                     v.entry->expiry = expiry;
+                                     v.changed = true;
+                                     return error_code{};
+                                 }));
+    };
+    const auto remove = [&](const chord::ring_id & k)
+    {
+        ASSERT_FALSE(store.apply(k, {}, true,
+                                 [](entry_store::view & v)
+                                 {
+                                     v.entry.reset();
+                                     v.changed = true;
+                                     return error_code{};
+                                 }));
+    };
+    const std::vector<entry_store::key_arc> arcs = {
+        {keys[0], keys[0]},                                                             // the whole ring
+        {chord::ring_id{{0, 0, 0, 1ull << 62}}, chord::ring_id{{0, 0, 0, 3ull << 62}}}, // no wrap
+        {chord::ring_id{{0, 0, 0, 3ull << 62}}, chord::ring_id{{0, 0, 0, 1ull << 62}}}, // round zero
+    };
+    const std::vector<std::string> suffixes = {".e3.tag", ".tag", "3.tag", "e13.tag", ".nothing.tag", ".e3"};
+    const auto check = [&](const char * stage)
+    {
+        for (const auto & arc : arcs)
+        {
+            for (const std::string & suffix : suffixes)
+            {
+                for (std::size_t stop_after : {std::size_t{0}, std::size_t{2}})
+                {
+                    std::vector<std::string> walked;
+                    store.visit(arc,
+                                [&](const entry_store::summary & s)
+                                {
+                                    if (!s.alias.ends_with(suffix))
+                                    {
+                                        return true;
+                                    }
+                                    walked.emplace_back(s.alias);
+                                    return stop_after == 0 || walked.size() < stop_after;
+                                });
+                    std::vector<std::string> indexed;
+                    store.visit_suffix(arc, suffix,
+                                       [&](const entry_store::summary & s)
+                                       {
+                                           indexed.emplace_back(s.alias);
+                                           return stop_after == 0 || indexed.size() < stop_after;
+                                       });
+                    EXPECT_EQ(indexed, walked) << stage << " suffix " << suffix << " stop " << stop_after;
+                }
+            }
+        }
+    };
+
+    for (std::size_t i = 0; i < keys.size(); ++i)
+    {
+        put(keys[i], alias_for(i), i % 7 == 0 ? timespec{1010, 0} : timespec{});
+    }
+    check("written in bulk");
+    // A few changes at a time: merged in place.
+    put(keys[4], alias_for(9), {});
+    remove(keys[8]);
+    put(keys[12], "renamed", {});
+    check("a few changes");
+    for (std::size_t i = 0; i < keys.size(); i += 3)
+    {
+        if (i % 2 == 0)
+        {
+            remove(keys[i]);
+        }
+        else
+        {
+            put(keys[i], alias_for(i + 1), {});
+        }
+    }
+    check("many changes");
+    now = timespec{1010, 0};
+    check("after the expiry");
 }
 
 } // namespace
