@@ -422,13 +422,7 @@ void entry_store::visit(const key_arc & arc, const std::function<bool(const summ
     {
         for (auto it = first; it != last; ++it)
         {
-            const index_record & r = it->second;
-            const bool never = r.expiry.tv_sec == 0 && r.expiry.tv_nsec == 0;
-            if (!never && before_or_at(r.expiry, now))
-            {
-                continue;
-            }
-            if (!f(summary{it->first, r.alias, r.type, r.listed_type, r.alias_head, r.alias_tail}))
+            if (!offer(*it, now, f))
             {
                 return false;
             }
@@ -487,31 +481,26 @@ void entry_store::visit_suffix(const key_arc & arc, std::string_view suffix,
                   const bool b_high = arc.predecessor < b;
                   return a_high != b_high ? a_high : a < b;
               });
-    visit_keys(keys, now, f);
-}
-
-bool entry_store::visit_keys(const std::vector<chord::ring_id> & keys, const timespec & now,
-                             const std::function<bool(const summary &)> & f) const
-{
     for (const chord::ring_id & key : keys)
     {
         const auto it = index_lower_bound(_index, key);
-        if (it == _index.end() || it->first != key)
+        if (it != _index.end() && it->first == key && !offer(*it, now, f))
         {
-            continue;
-        }
-        const index_record & r = it->second;
-        const bool never = r.expiry.tv_sec == 0 && r.expiry.tv_nsec == 0;
-        if (!never && before_or_at(r.expiry, now))
-        {
-            continue;
-        }
-        if (!f(summary{it->first, r.alias, r.type, r.listed_type, r.alias_head, r.alias_tail}))
-        {
-            return false;
+            return;
         }
     }
-    return true;
+}
+
+bool entry_store::offer(const index_entry & e, const timespec & now,
+                        const std::function<bool(const summary &)> & f)
+{
+    const index_record & r = e.second;
+    const bool never = r.expiry.tv_sec == 0 && r.expiry.tv_nsec == 0;
+    if (!never && before_or_at(r.expiry, now))
+    {
+        return true;
+    }
+    return f(summary{e.first, r.alias, r.type, r.listed_type, r.alias_head, r.alias_tail});
 }
 
 bool entry_store::read_committed(const chord::ring_id & key, const timespec & now, stored_entry & out) const

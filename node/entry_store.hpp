@@ -244,9 +244,10 @@ private:
     // may be null). Under the index lock.
     void note_suffix(const chord::ring_id & key, const index_record * before,
                      const index_record * after) const;
-    // Calls f for the summary of each key of `keys` (all in the index, sorted in the arc's order).
-    bool visit_keys(const std::vector<chord::ring_id> & keys, const timespec & now,
-                    const std::function<bool(const summary &)> & f) const;
+
+    // Calls f with the entry's summary unless it has expired; false when f says stop.
+    static bool offer(const index_entry & e, const timespec & now,
+                      const std::function<bool(const summary &)> & f);
 
     mutable std::mutex _index_mutex;
     mutable std::vector<index_entry> _index;
