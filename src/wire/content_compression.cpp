@@ -2,43 +2,10 @@
 
 #include <lz4.h>
 
-#include <memory>
-
 #include "wire/marshal.hpp"
 
 namespace zlk::protocol
 {
-namespace
-{
-
-struct lz4_stream_free
-{
-    void operator()(LZ4_stream_t * stream) const noexcept { LZ4_freeStream(stream); }
-};
-
-// One compressor table per thread, reset the cheap way before each block: the one-shot call clears
-// its 16 KB table every time, which costs more than compressing a small entry and evicts half of L1.
-// Blocks stay independent: the reset drops all history.
-LZ4_stream_t * thread_stream()
-{
-    thread_local std::unique_ptr<LZ4_stream_t, lz4_stream_free> stream{LZ4_createStream()};
-    if (stream)
-    {
-        LZ4_resetStream_fast(stream.get());
-    }
-    return stream.get();
-}
-
-int compress_block(const char * source, char * destination, int size, int capacity)
-{
-    if (LZ4_stream_t * stream = thread_stream())
-    {
-        return LZ4_compress_fast_continue(stream, source, destination, size, capacity, 1);
-    }
-    return LZ4_compress_default(source, destination, size, capacity);
-}
-
-} // namespace
 
 using serialization::detail::load_le;
 using serialization::detail::store_le;
@@ -52,9 +19,9 @@ bool compress_content(std::span<const std::uint8_t> content, bool enabled, std::
     }
     out.resize(compression_capacity(size));
     const int block =
-        compress_block(reinterpret_cast<const char *>(content.data()),
-                       reinterpret_cast<char *>(out.data() + compressed_header_size), static_cast<int>(size),
-                       static_cast<int>(out.size() - compressed_header_size));
+        LZ4_compress_default(reinterpret_cast<const char *>(content.data()),
+                             reinterpret_cast<char *>(out.data() + compressed_header_size),
+                             static_cast<int>(size), static_cast<int>(out.size() - compressed_header_size));
     if (block <= 0 || static_cast<std::size_t>(block) >= size)
     {
         return false;
