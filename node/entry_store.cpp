@@ -310,7 +310,8 @@ void entry_store::merge_index_changes() const
                 std::lower_bound(_index.begin(), _index.end(), change.key,
                                  [](const index_entry & e, const chord::ring_id & k) { return e.first < k; });
             const bool found = at != _index.end() && at->first == change.key;
-            note_suffix(change.key, found ? &at->second : nullptr, change.record ? &*change.record : nullptr);
+            note_affixes(change.key, found ? &at->second : nullptr,
+                         change.record ? &*change.record : nullptr);
             if (change.record && found)
             {
                 at->second = std::move(*change.record);
@@ -344,7 +345,7 @@ void entry_store::merge_index_changes() const
             merged.push_back(std::move(*kept++));
         }
         const bool found = kept != _index.end() && kept->first == change.key;
-        note_suffix(change.key, found ? &kept->second : nullptr, change.record ? &*change.record : nullptr);
+        note_affixes(change.key, found ? &kept->second : nullptr, change.record ? &*change.record : nullptr);
         if (found)
         {
             ++kept;
@@ -363,35 +364,45 @@ void entry_store::merge_index_changes() const
 namespace
 {
 
-bool ends_with_indexed_suffix(std::string_view alias) noexcept
-{
-    return alias.ends_with(entry_store::indexed_suffix);
-}
-
 std::string reversed(std::string_view text)
 {
     return std::string(text.rbegin(), text.rend());
 }
 
-} // namespace
-
-void entry_store::note_suffix(const chord::ring_id & key, const index_record * before,
-                              const index_record * after) const
+// Keeps one affix index in line: `was` and `is` tell whether the old and new alias belong in it.
+void note_affix(std::set<std::pair<std::string, chord::ring_id>> & index, const chord::ring_id & key,
+                const std::string * was, const std::string * is, bool from_end)
 {
-    const bool was = before != nullptr && ends_with_indexed_suffix(before->alias);
-    const bool is = after != nullptr && ends_with_indexed_suffix(after->alias);
-    if (was && is && before->alias == after->alias)
+    if (was != nullptr && is != nullptr && *was == *is)
     {
         return;
     }
-    if (was)
+    if (was != nullptr)
     {
-        _suffix_index.erase({reversed(before->alias), key});
+        index.erase({from_end ? reversed(*was) : *was, key});
     }
-    if (is)
+    if (is != nullptr)
     {
-        _suffix_index.emplace(reversed(after->alias), key);
+        index.emplace(from_end ? reversed(*is) : *is, key);
     }
+}
+
+} // namespace
+
+void entry_store::note_affixes(const chord::ring_id & key, const index_record * before,
+                               const index_record * after) const
+{
+    const auto with = [&](const index_record * r, bool suffix) -> const std::string *
+    {
+        if (r == nullptr)
+        {
+            return nullptr;
+        }
+        const bool has = suffix ? r->alias.ends_with(indexed_suffix) : r->alias.starts_with(indexed_prefix);
+        return has ? &r->alias : nullptr;
+    };
+    note_affix(_prefix_index, key, with(before, false), with(after, false), false);
+    note_affix(_suffix_index, key, with(before, true), with(after, true), true);
 }
 
 namespace
@@ -442,18 +453,20 @@ void entry_store::visit(const key_arc & arc, const std::function<bool(const summ
     }
 }
 
-void entry_store::visit_suffix(const key_arc & arc, std::string_view suffix,
-                               const std::function<bool(const summary &)> & f) const
+void entry_store::visit_affix(const key_arc & arc, std::string_view affix, bool suffix,
+                              const std::function<bool(const summary &)> & f) const
 {
-    if (!ends_with_indexed_suffix(suffix))
+    const bool indexed = suffix ? affix.ends_with(indexed_suffix) : affix.starts_with(indexed_prefix);
+    if (!indexed)
     {
-        visit(arc, [&](const summary & s) { return !s.alias.ends_with(suffix) || f(s); });
+        visit(arc, [&](const summary & s) { return !s.has_affix(affix, suffix) || f(s); });
         return;
     }
     const timespec now = _now();
     std::lock_guard lock{_index_mutex};
     merge_index_changes();
-    const std::string tail = reversed(suffix);
+    const affix_index & index = suffix ? _suffix_index : _prefix_index;
+    const std::string needle = suffix ? reversed(affix) : std::string(affix);
     const bool whole_ring = arc.predecessor == arc.self;
     const auto in_arc = [&](const chord::ring_id & key)
     {
@@ -465,8 +478,8 @@ void entry_store::visit_suffix(const key_arc & arc, std::string_view suffix,
                                           : arc.predecessor < key || key <= arc.self;
     };
     std::vector<chord::ring_id> keys;
-    for (auto it = _suffix_index.lower_bound({tail, chord::ring_id{}});
-         it != _suffix_index.end() && it->first.starts_with(tail); ++it)
+    for (auto it = index.lower_bound({needle, chord::ring_id{}});
+         it != index.end() && it->first.starts_with(needle); ++it)
     {
         if (in_arc(it->second))
         {
@@ -489,6 +502,29 @@ void entry_store::visit_suffix(const key_arc & arc, std::string_view suffix,
             return;
         }
     }
+}
+
+bool entry_store::summary::has_affix(std::string_view affix, bool suffix) const noexcept
+{
+    const std::size_t n = affix.size();
+    if (n == 0)
+    {
+        return true;
+    }
+    if (alias.size() < n)
+    {
+        return false;
+    }
+    if (n >= sizeof(std::uint64_t))
+    {
+        std::uint64_t word = 0;
+        std::memcpy(&word, affix.data() + (suffix ? n - sizeof word : 0), sizeof word);
+        if (word != (suffix ? alias_tail : alias_head))
+        {
+            return false;
+        }
+    }
+    return suffix ? alias.ends_with(affix) : alias.starts_with(affix);
 }
 
 bool entry_store::offer(const index_entry & e, const timespec & now,

@@ -34,6 +34,7 @@
 #include <vector>
 
 #include "entries/entry_type.hpp"
+#include "entries/listing_requests.hpp"
 #include "ring/ring_id.hpp"
 #include "wire/time_value.hpp"
 #include "wire/uuid.hpp"
@@ -139,21 +140,29 @@ public:
         // the key: a listing turns most entries away on them without reading the alias itself.
         std::uint64_t alias_head;
         std::uint64_t alias_tail;
+
+        // Whether the alias begins (`suffix` false) or ends with `affix`. Tested on every entry of a
+        // walk, most of which don't match: an affix of eight bytes or more is first compared with
+        // alias_head or alias_tail, and only entries that pass read the alias itself, a cache miss each.
+        bool has_affix(std::string_view affix, bool suffix) const noexcept;
     };
 
     // Calls f for each committed live entry of the arc, in ring order from the arc's first key, until f
     // returns false. f runs under the index lock and must not call the store.
     void visit(const key_arc & arc, const std::function<bool(const summary &)> & f) const;
 
-    // Aliases ending with this are also kept in an index of their own, by their bytes from the end:
-    // that is how tag links end, and listing the links of one entry (every removal does) would
-    // otherwise walk everything the node holds.
-    static constexpr std::string_view indexed_suffix = ".tag";
+    // Aliases that begin with indexed_prefix (the reserved mark every tag link carries) or end with
+    // indexed_suffix (how tag links end) are also kept in indexes of their own, by their bytes from
+    // the start and from the end: listing the links of one tag, or of one entry (every removal does),
+    // would otherwise walk everything the node holds.
+    static constexpr std::string_view indexed_prefix = client::tag_link_mark;
+    static constexpr std::string_view indexed_suffix = client::tag_link_tail;
 
-    // The walk of visit() restricted to the aliases that end with `suffix`, in the same order. Served
-    // from the suffix index, without walking the other entries, when `suffix` ends with indexed_suffix.
-    void visit_suffix(const key_arc & arc, std::string_view suffix,
-                      const std::function<bool(const summary &)> & f) const;
+    // The walk of visit() restricted to the aliases that begin (`suffix` false) or end with `affix`,
+    // in the same order. Served from an affix index, without walking the other entries, when `affix`
+    // begins with indexed_prefix (a prefix) or ends with indexed_suffix (a suffix).
+    void visit_affix(const key_arc & arc, std::string_view affix, bool suffix,
+                     const std::function<bool(const summary &)> & f) const;
 
     // The same walk with each entry whole, read under its shard's lock (content included).
     void visit_entries(const key_arc & arc,
@@ -240,10 +249,10 @@ private:
     // Up to this many changes are merged in place, one shift of the index's tail each.
     static constexpr std::size_t max_changes_in_place = 8;
     void merge_index_changes() const;
-    // Keeps the suffix index in line with a key's index record going from `before` to `after` (either
-    // may be null). Under the index lock.
-    void note_suffix(const chord::ring_id & key, const index_record * before,
-                     const index_record * after) const;
+    // Keeps the affix indexes in line with a key's index record going from `before` to `after`
+    // (either may be null). Under the index lock.
+    void note_affixes(const chord::ring_id & key, const index_record * before,
+                      const index_record * after) const;
 
     // Calls f with the entry's summary unless it has expired; false when f says stop.
     static bool offer(const index_entry & e, const timespec & now,
@@ -252,9 +261,11 @@ private:
     mutable std::mutex _index_mutex;
     mutable std::vector<index_entry> _index;
     mutable std::vector<index_change> _index_changes;
-    // (alias reversed, key) for every indexed alias that ends with indexed_suffix, merged with the
-    // index; under _index_mutex.
-    mutable std::set<std::pair<std::string, chord::ring_id>> _suffix_index;
+    // (alias, key) for every indexed alias that begins with indexed_prefix, and (alias reversed, key)
+    // for every one that ends with indexed_suffix; merged with the index, under _index_mutex.
+    using affix_index = std::set<std::pair<std::string, chord::ring_id>>;
+    mutable affix_index _prefix_index;
+    mutable affix_index _suffix_index;
 };
 
 } // namespace zlk::node

@@ -1,7 +1,6 @@
 #include "node/listing_operations.hpp"
 
 #include <cstdint>
-#include <cstring>
 #include <regex>
 #include <string>
 
@@ -67,32 +66,6 @@ error_code unexpected_value() noexcept
     return make_error_code(kernel::error::unexpected_value);
 }
 
-// Tested on every entry of a listing's arc, most of which don't match. An affix of eight bytes or more
-// is first compared with the alias's first (prefix) or last (suffix) eight bytes that the index keeps
-// beside the key; only entries that pass read the alias itself, a cache miss each.
-bool matches_affix(const entry_store::summary & s, std::string_view affix, std::uint8_t kind) noexcept
-{
-    const std::size_t n = affix.size();
-    if (n == 0)
-    {
-        return true;
-    }
-    if (s.alias.size() < n)
-    {
-        return false;
-    }
-    if (n >= sizeof(std::uint64_t))
-    {
-        std::uint64_t word = 0;
-        std::memcpy(&word, affix.data() + (kind == affix_prefix ? 0 : n - sizeof word), sizeof word);
-        if (word != (kind == affix_prefix ? s.alias_head : s.alias_tail))
-        {
-            return false;
-        }
-    }
-    return kind == affix_prefix ? s.alias.starts_with(affix) : s.alias.ends_with(affix);
-}
-
 // The elements of a list reply are written after the fact's count: the count goes in front once known.
 class list_reply
 {
@@ -152,16 +125,8 @@ class listing_handlers
     template <typename F>
     void visit_matches(const entry_store::key_arc & arc, std::string_view affix, std::uint8_t kind, F && f)
     {
-        const auto matching = [&](const entry_store::summary & s)
-        { return s.alias.empty() || !matches_affix(s, affix, kind) || f(s); };
-        if (kind == affix_suffix)
-        {
-            _store->visit_suffix(arc, affix, matching);
-        }
-        else
-        {
-            _store->visit(arc, matching);
-        }
+        _store->visit_affix(arc, affix, kind == affix_suffix,
+                            [&](const entry_store::summary & s) { return s.alias.empty() || f(s); });
     }
 
 public:

@@ -14,9 +14,7 @@ namespace
 {
 
 constexpr std::size_t varint = serialization::varint_bound;
-constexpr std::string_view mark{"\xC0\x80", 2};
 constexpr std::string_view link_head = "tag.";
-constexpr std::string_view link_tail = ".tag";
 
 } // namespace
 
@@ -154,44 +152,44 @@ zlk_error_t decode_walk_reply(std::span<const std::uint8_t> content, std::string
 std::string tag_links_prefix(std::string_view tag)
 {
     std::string out;
-    out.reserve(mark.size() + link_head.size() + tag.size() + 1);
-    out.append(mark).append(link_head).append(tag).push_back('.');
+    out.reserve(tag_link_mark.size() + link_head.size() + tag.size() + 1);
+    out.append(tag_link_mark).append(link_head).append(tag).push_back('.');
     return out;
 }
 
 std::string entry_links_suffix(std::string_view alias)
 {
     std::string out;
-    out.reserve(alias.size() + 1 + link_tail.size());
-    out.append(".").append(alias).append(link_tail);
+    out.reserve(alias.size() + 1 + tag_link_tail.size());
+    out.append(".").append(alias).append(tag_link_tail);
     return out;
 }
 
 std::string tag_link_alias(std::string_view tag, std::string_view alias)
 {
     std::string out = tag_links_prefix(tag);
-    out.append(alias).append(link_tail);
+    out.append(alias).append(tag_link_tail);
     return out;
 }
 
 bool entry_of_link(std::string_view link, std::string_view tag, std::string & alias)
 {
     const std::string prefix = tag_links_prefix(tag);
-    if (link.size() <= prefix.size() + link_tail.size() || !link.starts_with(prefix) ||
-        !link.ends_with(link_tail))
+    if (link.size() <= prefix.size() + tag_link_tail.size() || !link.starts_with(prefix) ||
+        !link.ends_with(tag_link_tail))
     {
         return false;
     }
-    alias.assign(link.substr(prefix.size(), link.size() - prefix.size() - link_tail.size()));
+    alias.assign(link.substr(prefix.size(), link.size() - prefix.size() - tag_link_tail.size()));
     return true;
 }
 
 bool tag_of_link(std::string_view link, std::string_view alias, std::string & tag)
 {
     const std::string suffix = entry_links_suffix(alias);
-    const std::size_t head = mark.size() + link_head.size();
-    if (link.size() <= head + suffix.size() || !link.starts_with(mark) ||
-        link.substr(mark.size(), link_head.size()) != link_head || !link.ends_with(suffix))
+    const std::size_t head = tag_link_mark.size() + link_head.size();
+    if (link.size() <= head + suffix.size() || !link.starts_with(tag_link_mark) ||
+        link.substr(tag_link_mark.size(), link_head.size()) != link_head || !link.ends_with(suffix))
     {
         return false;
     }

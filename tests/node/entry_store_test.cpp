@@ -174,10 +174,10 @@ TEST_F(store_fixture, a_failed_operation_changes_nothing)
     EXPECT_EQ(read(), 1);
 }
 
-// Listing by a suffix that ends like a tag link is answered from an index of its own; the plain walk
-// with a filter is the reference, over writes, removals, renamed aliases and expiries merged both ways
-// (a few changes in place, many in one pass), for arcs that do and don't go round through zero.
-TEST_F(store_fixture, a_suffix_listing_sees_what_the_whole_walk_sees)
+// Listing by a prefix or suffix of the kind tag links have is answered from an index of its own; the
+// plain walk with a filter is the reference, over writes, removals, renamed aliases and expiries merged both
+// ways (a few changes in place, many in one pass), for arcs that do and don't go round through zero.
+TEST_F(store_fixture, an_affix_listing_sees_what_the_whole_walk_sees)
 {
     std::mt19937_64 random(7);
     std::vector<chord::ring_id> keys(300);
@@ -227,20 +227,27 @@ TEST_F(store_fixture, a_suffix_listing_sees_what_the_whole_walk_sees)
         {chord::ring_id{{0, 0, 0, 1ull << 62}}, chord::ring_id{{0, 0, 0, 3ull << 62}}}, // no wrap
         {chord::ring_id{{0, 0, 0, 3ull << 62}}, chord::ring_id{{0, 0, 0, 1ull << 62}}}, // round zero
     };
-    const std::vector<std::string> suffixes = {".e3.tag", ".tag", "3.tag", "e13.tag", ".nothing.tag", ".e3"};
+    // (affix, suffix?) pairs: indexed ones (the links' mark at the front, ".tag" at the end) and walked
+    // ones, which must agree as well.
+    const std::vector<std::pair<std::string, bool>> affixes = {
+        {".e3.tag", true},          {".tag", true},         {"3.tag", true},
+        {"e13.tag", true},          {".nothing.tag", true}, {".e3", true},
+        {"\xC0\x80tag.t1.", false}, {"\xC0\x80", false},    {"\xC0\x80tag.t1.x.e1", false},
+        {"\xC0\x80tag.t9.", false}, {"e1", false},          {"", false},
+    };
     const auto check = [&](const char * stage)
     {
         for (const auto & arc : arcs)
         {
-            for (const std::string & suffix : suffixes)
+            for (const auto & [affix, suffix] : affixes)
             {
                 for (std::size_t stop_after : {std::size_t{0}, std::size_t{2}})
                 {
                     std::vector<std::string> walked;
                     store.visit(arc,
-                                [&](const entry_store::summary & s)
+                                [&, &affix = affix, suffix = suffix](const entry_store::summary & s)
                                 {
-                                    if (!s.alias.ends_with(suffix))
+                                    if (!(suffix ? s.alias.ends_with(affix) : s.alias.starts_with(affix)))
                                     {
                                         return true;
                                     }
@@ -248,13 +255,14 @@ TEST_F(store_fixture, a_suffix_listing_sees_what_the_whole_walk_sees)
                                     return stop_after == 0 || walked.size() < stop_after;
                                 });
                     std::vector<std::string> indexed;
-                    store.visit_suffix(arc, suffix,
-                                       [&](const entry_store::summary & s)
-                                       {
-                                           indexed.emplace_back(s.alias);
-                                           return stop_after == 0 || indexed.size() < stop_after;
-                                       });
-                    EXPECT_EQ(indexed, walked) << stage << " suffix " << suffix << " stop " << stop_after;
+                    store.visit_affix(arc, affix, suffix,
+                                      [&](const entry_store::summary & s)
+                                      {
+                                          indexed.emplace_back(s.alias);
+                                          return stop_after == 0 || indexed.size() < stop_after;
+                                      });
+                    EXPECT_EQ(indexed, walked)
+                        << stage << (suffix ? " suffix " : " prefix ") << affix << " stop " << stop_after;
                 }
             }
         }
