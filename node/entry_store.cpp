@@ -429,6 +429,12 @@ void entry_store::visit(const key_arc & arc, const std::function<bool(const summ
     const timespec now = _now();
     std::lock_guard lock{_index_mutex};
     merge_index_changes();
+    walk(arc, now, f);
+}
+
+void entry_store::walk(const key_arc & arc, const timespec & now,
+                       const std::function<bool(const summary &)> & f) const
+{
     auto visit_range = [&](auto first, auto last)
     {
         for (auto it = first; it != last; ++it)
@@ -456,15 +462,19 @@ void entry_store::visit(const key_arc & arc, const std::function<bool(const summ
 void entry_store::visit_affix(const key_arc & arc, std::string_view affix, bool suffix,
                               const std::function<bool(const summary &)> & f) const
 {
-    const bool indexed = suffix ? affix.ends_with(indexed_suffix) : affix.starts_with(indexed_prefix);
-    if (!indexed)
-    {
-        visit(arc, [&](const summary & s) { return !s.has_affix(affix, suffix) || f(s); });
-        return;
-    }
     const timespec now = _now();
     std::lock_guard lock{_index_mutex};
     merge_index_changes();
+    const auto walk_matches = [&]
+    { walk(arc, now, [&](const summary & s) { return !s.has_affix(affix, suffix) || f(s); }); };
+    const bool indexed = suffix ? affix.ends_with(indexed_suffix) : affix.starts_with(indexed_prefix);
+    if (!indexed)
+    {
+        walk_matches();
+        return;
+    }
+    // Past this many matches, sorting them into ring order costs more than walking everything.
+    const std::size_t most_matches = std::max<std::size_t>(_index.size() / 16, 1024);
     const affix_index & index = suffix ? _suffix_index : _prefix_index;
     const std::string needle = suffix ? reversed(affix) : std::string(affix);
     const bool whole_ring = arc.predecessor == arc.self;
@@ -484,6 +494,11 @@ void entry_store::visit_affix(const key_arc & arc, std::string_view affix, bool 
         if (in_arc(it->second))
         {
             keys.push_back(it->second);
+        }
+        if (keys.size() > most_matches)
+        {
+            walk_matches();
+            return;
         }
     }
     // The walk's order: the keys after the predecessor first, then those that come round through zero.

@@ -254,6 +254,9 @@ private:
     void note_affixes(const chord::ring_id & key, const index_record * before,
                       const index_record * after) const;
 
+    // visit() under the index lock, changes merged.
+    void walk(const key_arc & arc, const timespec & now,
+              const std::function<bool(const summary &)> & f) const;
     // Calls f with the entry's summary unless it has expired; false when f says stop.
     static bool offer(const index_entry & e, const timespec & now,
                       const std::function<bool(const summary &)> & f);
