@@ -1,8 +1,8 @@
 // Blob calls through the C interface against in-process nodes: a synchronous zlk_blob_get of 100 bytes
 // next to a bare blocking ping-pong of the same request with the same node (the difference is what the
-// library adds to the round trip), zlk_blob_put of 100 bytes, and zlk_run_batch of 10,000 puts spread
-// over a three-node ring, in items per second. The allocation counters count the calling thread only:
-// the in-process node allocates on its own threads.
+// library adds to the round trip), zlk_blob_put of 100 bytes, zlk_run_batch of 10,000 puts spread over
+// a three-node ring, in items per second, and tag listings on a node full of other entries. The
+// allocation counters count the calling thread only: the in-process node allocates on its own threads.
 #include <benchmark/benchmark.h>
 
 #include <sys/socket.h>
@@ -205,6 +205,67 @@ void batch_of_puts(benchmark::State & state)
     state.SetItemsProcessed(static_cast<std::int64_t>(state.iterations() * records));
 }
 BENCHMARK(batch_of_puts)->UseRealTime()->Unit(benchmark::kMillisecond);
+
+// A tag's entries (argument 0, zlk_get_tagged) or an entry's tags (1, zlk_get_tags) on a node that
+// holds 100,000 other entries: the node answers from its affix indexes without walking the others.
+void tag_listing_among_many(benchmark::State & state)
+{
+    constexpr std::size_t others = 100000;
+    constexpr std::size_t per_batch = 10000;
+    node::local_cluster cluster(1);
+    connected_handle c(state, cluster.uri());
+    if (!c.h)
+    {
+        return;
+    }
+    const std::vector<char> content(content_size, 'x');
+    std::vector<std::string> aliases(per_batch);
+    std::vector<zlk_operation_t> ops(per_batch);
+    for (std::size_t done = 0; done < others; done += per_batch)
+    {
+        zlk_init_operations(ops.data(), ops.size());
+        for (std::size_t i = 0; i < per_batch; ++i)
+        {
+            aliases[i] = "bench.entries.other." + std::to_string(done + i);
+            ops[i].type = zlk_op_blob_put;
+            ops[i].alias = aliases[i].c_str();
+            ops[i].fields.blob_put.content = content.data();
+            ops[i].fields.blob_put.content_length = content.size();
+            ops[i].fields.blob_put.expiry_time = zlk_never_expires;
+        }
+        if (zlk_run_batch(c.h, ops.data(), ops.size()) != per_batch)
+        {
+            state.SkipWithError("could not store the other entries");
+            return;
+        }
+    }
+    constexpr const char * tag = "bench.entries.tag";
+    for (int i = 0; i < 5; ++i)
+    {
+        const std::string alias = "bench.entries.tagged." + std::to_string(i);
+        if (zlk_blob_put(c.h, alias.c_str(), content.data(), content.size(), zlk_never_expires) != zlk_e_ok ||
+            ZLK_FAILURE(zlk_attach_tag(c.h, alias.c_str(), tag)))
+        {
+            state.SkipWithError("could not tag the entries");
+            return;
+        }
+    }
+    const bool tags_of_entry = state.range(0) == 1;
+    for (auto _ : state)
+    {
+        const char ** names = nullptr;
+        std::size_t count = 0;
+        const zlk_error_t e = tags_of_entry ? zlk_get_tags(c.h, "bench.entries.tagged.1", &names, &count)
+                                            : zlk_get_tagged(c.h, tag, &names, &count);
+        if (e != zlk_e_ok || count != (tags_of_entry ? 1u : 5u))
+        {
+            state.SkipWithError("listing failed");
+            break;
+        }
+        zlk_release(c.h, names);
+    }
+}
+BENCHMARK(tag_listing_among_many)->Arg(0)->Arg(1)->UseRealTime()->Unit(benchmark::kMicrosecond);
 
 } // namespace
 
