@@ -164,6 +164,21 @@ void blob_put(benchmark::State & state)
 }
 BENCHMARK(blob_put)->UseRealTime();
 
+// A batch of puts of `content` that never expire, one for each alias.
+void prepare_puts(std::vector<zlk_operation_t> & ops, const std::vector<std::string> & aliases,
+                  const std::vector<char> & content)
+{
+    zlk_init_operations(ops.data(), ops.size());
+    for (std::size_t i = 0; i < ops.size(); ++i)
+    {
+        ops[i].type = zlk_op_blob_put;
+        ops[i].alias = aliases[i].c_str();
+        ops[i].fields.blob_put.content = content.data();
+        ops[i].fields.blob_put.content_length = content.size();
+        ops[i].fields.blob_put.expiry_time = zlk_never_expires;
+    }
+}
+
 void batch_of_puts(benchmark::State & state)
 {
     constexpr std::size_t records = 10000;
@@ -186,15 +201,7 @@ void batch_of_puts(benchmark::State & state)
             aliases[i] = "bench.entries.batch." + std::to_string(round) + "." + std::to_string(i);
         }
         ++round;
-        zlk_init_operations(ops.data(), ops.size());
-        for (std::size_t i = 0; i < records; ++i)
-        {
-            ops[i].type = zlk_op_blob_put;
-            ops[i].alias = aliases[i].c_str();
-            ops[i].fields.blob_put.content = content.data();
-            ops[i].fields.blob_put.content_length = content.size();
-            ops[i].fields.blob_put.expiry_time = zlk_never_expires;
-        }
+        prepare_puts(ops, aliases, content);
         state.ResumeTiming();
         if (zlk_run_batch(c.h, ops.data(), ops.size()) != records)
         {
@@ -223,16 +230,11 @@ void tag_listing_among_many(benchmark::State & state)
     std::vector<zlk_operation_t> ops(per_batch);
     for (std::size_t done = 0; done < others; done += per_batch)
     {
-        zlk_init_operations(ops.data(), ops.size());
         for (std::size_t i = 0; i < per_batch; ++i)
         {
             aliases[i] = "bench.entries.other." + std::to_string(done + i);
-            ops[i].type = zlk_op_blob_put;
-            ops[i].alias = aliases[i].c_str();
-            ops[i].fields.blob_put.content = content.data();
-            ops[i].fields.blob_put.content_length = content.size();
-            ops[i].fields.blob_put.expiry_time = zlk_never_expires;
         }
+        prepare_puts(ops, aliases, content);
         if (zlk_run_batch(c.h, ops.data(), ops.size()) != per_batch)
         {
             state.SkipWithError("could not store the other entries");
