@@ -3,6 +3,7 @@
 #include <cstring>
 
 #include "api/handle.hpp"
+#include "entries/entry_type.hpp"
 
 namespace zlk::api
 {
@@ -12,8 +13,7 @@ namespace
 
 bool has_reserved_mark(const checked_string & s) noexcept
 {
-    return s.length >= sizeof(reserved_mark) &&
-           std::memcmp(s.data, reserved_mark, sizeof(reserved_mark)) == 0;
+    return std::string_view(s.data, s.length).starts_with(kernel::reserved_alias_mark);
 }
 
 } // namespace

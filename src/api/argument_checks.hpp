@@ -16,9 +16,6 @@ namespace zlk::api
 // Longest alias or prefix, in bytes.
 inline constexpr std::size_t max_alias_length = 1024;
 
-// The first two bytes of every entry that nodes write for their own use; no client alias begins so.
-inline constexpr unsigned char reserved_mark[2] = {0xC0, 0x80};
-
 struct checked_string
 {
     const char * data;

@@ -5,6 +5,7 @@
 #include <cstring>
 
 #include "api/make_error.hpp"
+#include "entries/entry_type.hpp"
 #include "ring/alias_hash.hpp"
 #include "wire/content_compression.hpp"
 
@@ -19,7 +20,6 @@ namespace
 constexpr std::size_t max_alias_length = 1024;
 // The largest compression buffer a thread keeps from one record to the next.
 constexpr std::size_t max_kept_compression = 1 << 20;
-constexpr unsigned char reserved_mark[2] = {0xC0, 0x80};
 
 // The relaxed alias check of batches: a status, never a throw.
 zlk_error_t batch_alias(const char * alias, alias_bytes & out) noexcept
@@ -43,7 +43,8 @@ zlk_error_t batch_alias(const char * alias, alias_bytes & out) noexcept
 
 bool is_reserved(alias_bytes a) noexcept
 {
-    return a.size() >= 3 && a[0] == reserved_mark[0] && a[1] == reserved_mark[1];
+    return a.size() >= 3 &&
+           std::string_view(reinterpret_cast<const char *>(a.data()), 2) == kernel::reserved_alias_mark;
 }
 
 bool allows_reserved(zlk_operation_type_t type) noexcept

@@ -2,6 +2,7 @@
 #pragma once
 
 #include <cstdint>
+#include <string_view>
 
 namespace zlk::kernel
 {
@@ -19,6 +20,10 @@ enum class entry_type : std::uint8_t
     table_column = 17,
     table = 18,
 };
+
+// The first two bytes of every alias the system keeps for itself (tag links, time-series buckets);
+// callers may not create such aliases.
+inline constexpr std::string_view reserved_alias_mark{"\xC0\x80", 2};
 
 // The expected type of a removal that accepts any type.
 inline constexpr std::uint8_t any_entry_type = 0xFF;

@@ -10,6 +10,7 @@
 #include <string_view>
 #include <vector>
 
+#include "entries/entry_type.hpp"
 #include "ring/ring_id.hpp"
 #include "wire/operation_body.hpp"
 #include "zlk/error.h"
@@ -69,7 +70,7 @@ zlk_error_t decode_walk_reply(std::span<const std::uint8_t> content, std::string
                               std::span<const std::uint8_t> & stored) noexcept;
 
 // Tag links: the reserved mark, then "tag.{tag}.{alias}.tag".
-inline constexpr std::string_view tag_link_mark{"\xC0\x80", 2};
+inline constexpr std::string_view tag_link_mark = kernel::reserved_alias_mark;
 inline constexpr std::string_view tag_link_tail = ".tag";
 std::string tag_link_alias(std::string_view tag, std::string_view alias);
 // The prefix of all links of a tag, and the suffix of all links of an entry.

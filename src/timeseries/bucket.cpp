@@ -2,6 +2,7 @@
 
 #include <fmt/format.h>
 
+#include "entries/entry_type.hpp"
 #include "ring/alias_hash.hpp"
 
 namespace zlk::timeseries
@@ -14,7 +15,7 @@ using detail::ns_per_ms;
 using detail::wrap_add;
 using detail::wrap_mul;
 
-constexpr std::string_view key_mark{"\xC0\x80", 2};
+constexpr std::string_view key_mark = kernel::reserved_alias_mark;
 constexpr std::string_view key_head = "ts.";
 constexpr std::string_view key_middle = ".bucket.";
 

@@ -4,6 +4,7 @@
 #include <cstring>
 
 #include "api/api_exception.hpp"
+#include "entries/entry_type.hpp"
 #include "ring/routing.hpp"
 #include "timeseries/bucket.hpp"
 
@@ -36,8 +37,7 @@ std::vector<column_description> check_columns(const zlk_ts_column_info * columns
             throw zlk_e_invalid_argument;
         }
         const std::string_view name(c.name, length);
-        if (length >= 2 && static_cast<unsigned char>(name[0]) == 0xC0 &&
-            static_cast<unsigned char>(name[1]) == 0x80)
+        if (name.starts_with(kernel::reserved_alias_mark))
         {
             throw zlk_e_reserved_alias;
         }
