@@ -13,11 +13,11 @@
 #include <vector>
 
 #include "allocation_counting.hpp"
+#include "base/alias_hash.hpp"
+#include "base/entry_type.hpp"
 #include "blocking_io.hpp"
 #include "entries/entry_requests.hpp"
-#include "entries/entry_type.hpp"
 #include "node/local_cluster.hpp"
-#include "ring/alias_hash.hpp"
 #include "ring/routing.hpp"
 #include "wire/frame.hpp"
 #include "zlk/zlk.h"

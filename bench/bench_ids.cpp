@@ -1,8 +1,8 @@
 // The alias hash runs once per routed request (goal: under 250 ns for a 16-byte alias), the id
 // comparison once per step of every ring map look-up. Long messages report cycles per byte as well.
-#include "ring/alias_hash.hpp"
-#include "ring/ring_id.hpp"
-#include "ring/skein256.hpp"
+#include "base/alias_hash.hpp"
+#include "base/ring_id.hpp"
+#include "base/skein256.hpp"
 
 #include <benchmark/benchmark.h>
 

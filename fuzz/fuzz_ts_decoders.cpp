@@ -13,9 +13,9 @@
 
 #include "entries/listing_requests.hpp"
 #include "timeseries/aggregate_requests.hpp"
-#include "timeseries/aggregation_state.hpp"
-#include "timeseries/shard_write.hpp"
-#include "timeseries/ts_messages.hpp"
+#include "timeseries/codec/aggregation_state.hpp"
+#include "timeseries/codec/shard_write.hpp"
+#include "timeseries/codec/ts_messages.hpp"
 #include "ts_decoder_kinds.hpp"
 
 namespace

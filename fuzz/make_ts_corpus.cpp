@@ -7,12 +7,12 @@
 #include <string>
 #include <vector>
 
-#include "ring/alias_hash.hpp"
+#include "base/alias_hash.hpp"
 #include "timeseries/aggregate_requests.hpp"
-#include "timeseries/aggregation_state.hpp"
-#include "timeseries/bucket.hpp"
-#include "timeseries/shard_write.hpp"
-#include "timeseries/ts_messages.hpp"
+#include "timeseries/codec/aggregation_state.hpp"
+#include "timeseries/codec/bucket.hpp"
+#include "timeseries/codec/shard_write.hpp"
+#include "timeseries/codec/ts_messages.hpp"
 #include "ts_decoder_kinds.hpp"
 #include "wire/frame.hpp"
 

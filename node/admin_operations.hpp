@@ -9,7 +9,7 @@
 #include <atomic>
 #include <cstdint>
 
-#include "node/operations.hpp"
+#include "node/operation_table.hpp"
 
 namespace zlk::node
 {

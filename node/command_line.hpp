@@ -8,7 +8,7 @@
 #include <vector>
 
 #include "log/logger.hpp"
-#include "node/settings.hpp"
+#include "node/node_settings.hpp"
 
 namespace zlk::node
 {

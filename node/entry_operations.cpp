@@ -3,7 +3,7 @@
 #include <algorithm>
 #include <cstring>
 
-#include "api/error_categories.hpp"
+#include "base/error_categories.hpp"
 #include "node/listing_operations.hpp"
 #include "wire/content_compression.hpp"
 #include "wire/marshal.hpp"

@@ -6,7 +6,7 @@
 #include <memory>
 
 #include "node/entry_store.hpp"
-#include "node/operations.hpp"
+#include "node/operation_table.hpp"
 
 namespace zlk::node
 {

@@ -6,7 +6,7 @@
 
 #include "wire/node_info.hpp"
 
-#include "api/error_categories.hpp"
+#include "base/error_categories.hpp"
 
 namespace zlk::node
 {

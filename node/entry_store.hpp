@@ -33,11 +33,10 @@
 #include <utility>
 #include <vector>
 
-#include "entries/entry_type.hpp"
-#include "entries/listing_requests.hpp"
-#include "ring/ring_id.hpp"
-#include "wire/time_value.hpp"
-#include "wire/uuid.hpp"
+#include "base/entry_type.hpp"
+#include "base/ring_id.hpp"
+#include "base/time_value.hpp"
+#include "base/uuid.hpp"
 
 namespace zlk::node
 {
@@ -155,8 +154,8 @@ public:
     // indexed_suffix (how tag links end) are also kept in indexes of their own, by their bytes from
     // the start and from the end: listing the links of one tag, or of one entry (every removal does),
     // would otherwise walk everything the node holds.
-    static constexpr std::string_view indexed_prefix = client::tag_link_mark;
-    static constexpr std::string_view indexed_suffix = client::tag_link_tail;
+    static constexpr std::string_view indexed_prefix = kernel::tag_link_mark;
+    static constexpr std::string_view indexed_suffix = kernel::tag_link_tail;
 
     // The walk of visit() restricted to the aliases that begin (`suffix` false) or end with `affix`,
     // in the same order. Served from an affix index, without walking the other entries, when `affix`

@@ -4,7 +4,7 @@
 #include <regex>
 #include <string>
 
-#include "api/error_categories.hpp"
+#include "base/error_categories.hpp"
 #include "node/membership.hpp"
 #include "node/node_state.hpp"
 #include "wire/content_compression.hpp"

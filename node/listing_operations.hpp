@@ -10,7 +10,7 @@
 #include <vector>
 
 #include "node/entry_store.hpp"
-#include "node/operations.hpp"
+#include "node/operation_table.hpp"
 
 namespace zlk::node
 {

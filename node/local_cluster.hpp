@@ -29,8 +29,8 @@
 
 #include "node/faults.hpp"
 #include "node/node.hpp"
-#include "node/operations.hpp"
-#include "node/settings.hpp"
+#include "node/node_settings.hpp"
+#include "node/operation_table.hpp"
 
 namespace zlk::node
 {

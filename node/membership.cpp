@@ -2,7 +2,7 @@
 
 #include <algorithm>
 
-#include "api/error_categories.hpp"
+#include "base/error_categories.hpp"
 
 namespace zlk::node
 {

@@ -21,9 +21,9 @@
 #include <vector>
 
 #include "node/faults.hpp"
+#include "node/node_settings.hpp"
 #include "node/node_state.hpp"
-#include "node/operations.hpp"
-#include "node/settings.hpp"
+#include "node/operation_table.hpp"
 
 namespace zlk::node
 {

@@ -14,13 +14,13 @@
 #include <mutex>
 #include <vector>
 
+#include "base/uuid.hpp"
 #include "node/faults.hpp"
 #include "node/membership.hpp"
-#include "node/operations.hpp"
+#include "node/node_settings.hpp"
+#include "node/operation_table.hpp"
 #include "node/peer_pool.hpp"
 #include "node/read_mostly.hpp"
-#include "node/settings.hpp"
-#include "wire/uuid.hpp"
 
 namespace zlk::node
 {

@@ -7,7 +7,7 @@
 #include <thread>
 #include <vector>
 
-#include "timeseries/pod_vector.hpp"
+#include "timeseries/codec/pod_vector.hpp"
 
 namespace zlk::node
 {

@@ -5,7 +5,7 @@
 #include <cstddef>
 #include <cstdint>
 
-#include "ring/ring_id.hpp"
+#include "base/ring_id.hpp"
 
 namespace zlk::node
 {

@@ -1,6 +1,6 @@
 // link_tag (91) and link_tag_back (150): the two writes of attaching a tag, each on its own key and
 // under the client's transaction stamp.
-#include "api/error_categories.hpp"
+#include "base/error_categories.hpp"
 #include "node/listing_operations.hpp"
 #include "wire/marshal.hpp"
 #include "wire/operations.hpp"

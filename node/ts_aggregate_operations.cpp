@@ -1,10 +1,10 @@
 #include "node/ts_aggregate_operations.hpp"
 
-#include "api/error_categories.hpp"
+#include "base/error_categories.hpp"
 #include "node/ts_operations.hpp"
-#include "timeseries/aggregate_requests.hpp"
-#include "timeseries/aggregation_state.hpp"
-#include "timeseries/ts_messages.hpp"
+#include "timeseries/codec/aggregate_messages.hpp"
+#include "timeseries/codec/aggregation_state.hpp"
+#include "timeseries/codec/ts_messages.hpp"
 #include "wire/operations.hpp"
 
 namespace zlk::node

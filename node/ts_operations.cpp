@@ -3,14 +3,14 @@
 #include <algorithm>
 #include <atomic>
 
-#include "api/error_categories.hpp"
+#include "base/alias_hash.hpp"
+#include "base/error_categories.hpp"
 #include "log/logger.hpp"
 #include "node/node_state.hpp"
 #include "node/sync_client.hpp"
-#include "ring/alias_hash.hpp"
-#include "ring/routing.hpp"
-#include "timeseries/bucket.hpp"
-#include "timeseries/ts_messages.hpp"
+#include "timeseries/codec/bucket.hpp"
+#include "timeseries/codec/ts_messages.hpp"
+#include "wire/operation_body.hpp"
 #include "wire/operations.hpp"
 
 namespace zlk::node

@@ -10,7 +10,7 @@
 #include <string_view>
 
 #include "node/entry_store.hpp"
-#include "node/operations.hpp"
+#include "node/operation_table.hpp"
 #include "node/ts_store.hpp"
 
 namespace zlk::node

@@ -9,10 +9,10 @@
 #include <memory>
 #include <vector>
 
-#include "api/error_categories.hpp"
+#include "base/error_categories.hpp"
 #include "node/node_state.hpp"
 #include "node/ts_operations.hpp"
-#include "timeseries/shard_write.hpp"
+#include "timeseries/codec/shard_write.hpp"
 #include "wire/operations.hpp"
 
 namespace zlk::node

@@ -13,7 +13,7 @@
 #include <span>
 #include <vector>
 
-#include "timeseries/pod_vector.hpp"
+#include "timeseries/codec/pod_vector.hpp"
 
 namespace zlk::node
 {

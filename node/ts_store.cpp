@@ -6,7 +6,7 @@
 #include <limits>
 #include <numeric>
 
-#include "api/error_categories.hpp"
+#include "base/error_categories.hpp"
 #include "node/parallel_fill.hpp"
 
 namespace zlk::node

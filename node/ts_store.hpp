@@ -20,11 +20,11 @@
 #include <string_view>
 #include <vector>
 
+#include "base/column_type.hpp"
+#include "base/ring_id.hpp"
+#include "base/time_value.hpp"
 #include "node/ts_shared_offsets.hpp"
-#include "ring/ring_id.hpp"
-#include "timeseries/column_type.hpp"
-#include "timeseries/pod_vector.hpp"
-#include "wire/time_value.hpp"
+#include "timeseries/codec/pod_vector.hpp"
 
 namespace zlk::node
 {

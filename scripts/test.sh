@@ -21,9 +21,13 @@ run_ctest() {
     (cd "$dir" && ctest -j "$jobs" --output-on-failure "$@") | tee -a "$summary"
 }
 
+section "structure"
+scripts/check-layers.sh
+
 section "build (RelWithDebInfo)"
 scripts/configure.sh build -DCMAKE_BUILD_TYPE=RelWithDebInfo
 cmake --build build -j "$jobs"
+scripts/check-layers.sh build
 section "tests (RelWithDebInfo)"
 run_ctest build
 

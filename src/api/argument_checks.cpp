@@ -3,7 +3,7 @@
 #include <cstring>
 
 #include "api/handle.hpp"
-#include "entries/entry_type.hpp"
+#include "base/entry_type.hpp"
 
 namespace zlk::api
 {

@@ -6,7 +6,7 @@
 #include <cstddef>
 #include <cstdint>
 
-#include "api/api_exception.hpp"
+#include "base/api_exception.hpp"
 
 struct zlk_session;
 

@@ -13,7 +13,6 @@ namespace
 using zlk::api::api_call;
 using zlk::api::checked_entry;
 using zlk::api::compression_enabled;
-using zlk::api::send_entry_request;
 using zlk::protocol::operation;
 namespace client = zlk::client;
 
@@ -52,8 +51,8 @@ zlk_error_t write_blob(zlk_handle_t handle, const char * name, operation op, con
                                 { return client::blob_write_body(op, entry.bytes, out, expiry, storage); };
                                 const std::uint16_t access = op == operation::put ? client::access_put : 0;
                                 zlk::chord::owner_reply reply;
-                                const zlk_error_t r =
-                                    send_entry_request(*handle, entry.key, access, false, false, body, reply);
+                                const zlk_error_t r = zlk::client::send_entry_request(
+                                    handle->cluster, entry.key, access, false, false, body, reply);
                                 if (ZLK_SUCCESS(r) && op == operation::update && reply.reply() &&
                                     reply.reply()->result.value != 0)
                                 {
@@ -67,8 +66,8 @@ zlk_error_t write_blob(zlk_handle_t handle, const char * name, operation op, con
 // A removed blob's tag links go in the removal's transaction.
 zlk_error_t remove_blob_links(zlk_session & h, client::transaction_state & state, const char * alias)
 {
-    return zlk::api::remove_entry_links(h, state, alias,
-                                        static_cast<std::uint64_t>(zlk::kernel::entry_type::blob));
+    return zlk::client::remove_entry_links(h.cluster, state, alias,
+                                           static_cast<std::uint64_t>(zlk::kernel::entry_type::blob));
 }
 
 } // namespace
@@ -95,7 +94,7 @@ zlk_error_t fetch_blob(zlk_handle_t handle, const char * alias, zlk::chord::owne
     const auto entry = checked_entry(alias, true);
     client::body_storage storage;
     auto body = [&] { return client::get_body(0, 0, zlk::kernel::entry_type::blob, storage); };
-    return send_entry_request(*handle, entry.key, 0, true, true, body, reply);
+    return zlk::client::send_entry_request(handle->cluster, entry.key, 0, true, true, body, reply);
 }
 
 } // namespace
@@ -131,7 +130,7 @@ zlk_error_t zlk_blob_get_noalloc(zlk_handle_t handle, const char * alias, void *
                                     return r;
                                 }
                                 std::vector<std::uint8_t> scratch;
-                                const auto bytes = zlk::api::reply_content(reply, scratch);
+                                const auto bytes = zlk::client::reply_content(reply, scratch);
                                 const std::size_t room = *destination_length;
                                 *destination_length = bytes.size();
                                 if (bytes.size() > room)
@@ -171,7 +170,8 @@ zlk_error_t zlk_blob_get_and_update(zlk_handle_t handle, const char * alias, con
                         new_content, new_content_length, compression_enabled(*handle));
                     auto body = [&] { return client::get_and_update_body(out.bytes, expiry_time); };
                     zlk::chord::owner_reply reply;
-                    const zlk_error_t r = send_entry_request(*handle, entry.key, 0, true, false, body, reply);
+                    const zlk_error_t r = zlk::client::send_entry_request(handle->cluster, entry.key, 0, true,
+                                                                          false, body, reply);
                     if (ZLK_SUCCESS(r))
                     {
                         zlk::api::hand_out_content(*handle, reply, old_content, old_content_length);
@@ -208,8 +208,8 @@ zlk_error_t zlk_blob_get_and_remove(zlk_handle_t handle, const char * alias, con
                         [&](zlk::client::transaction_state & state, const zlk::chord::owner_reply &)
                     { return remove_blob_links(*handle, state, alias); };
                     zlk::chord::owner_reply reply;
-                    const zlk_error_t r =
-                        zlk::api::remove_in_transaction(*handle, entry.key, 0, true, body, reply, follow_up);
+                    const zlk_error_t r = zlk::client::remove_in_transaction(handle->cluster, entry.key, 0,
+                                                                             true, body, reply, follow_up);
                     if (ZLK_SUCCESS(r))
                     {
                         zlk::api::hand_out_content(*handle, reply, content, content_length);
@@ -238,8 +238,8 @@ zlk_error_t zlk_blob_remove_if(zlk_handle_t handle, const char * alias, const vo
                                                      const zlk::chord::owner_reply &)
                                 { return remove_blob_links(*handle, state, alias); };
                                 zlk::chord::owner_reply reply;
-                                return zlk::api::remove_in_transaction(*handle, entry.key, 0, false, body,
-                                                                       reply, follow_up);
+                                return zlk::client::remove_in_transaction(handle->cluster, entry.key, 0,
+                                                                          false, body, reply, follow_up);
                             });
                     });
 }
@@ -275,7 +275,8 @@ zlk_error_t zlk_blob_compare_and_swap(zlk_handle_t handle, const char * alias, c
                     auto body = [&]
                     { return client::compare_and_swap_body(out.bytes, expected.bytes, expiry_time); };
                     zlk::chord::owner_reply reply;
-                    const zlk_error_t r = send_entry_request(*handle, entry.key, 0, true, false, body, reply);
+                    const zlk_error_t r = zlk::client::send_entry_request(handle->cluster, entry.key, 0, true,
+                                                                          false, body, reply);
                     if (r == zlk_e_unmatched_content)
                     {
                         zlk::api::hand_out_content(*handle, reply, original_content, original_content_length);

@@ -4,8 +4,8 @@
 
 #include <new>
 
-#include "api/api_exception.hpp"
-#include "api/make_error.hpp"
+#include "base/api_exception.hpp"
+#include "base/make_error.hpp"
 
 namespace zlk::api::detail
 {

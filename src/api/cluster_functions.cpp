@@ -10,8 +10,8 @@
 
 #include "api/argument_checks.hpp"
 #include "api/call_frame.hpp"
-#include "api/make_error.hpp"
 #include "api/perf_profiles.hpp"
+#include "base/make_error.hpp"
 #include "log/logger.hpp"
 #include "network/endpoint.hpp"
 #include "zlk/cluster.h"
@@ -62,7 +62,8 @@ zlk_error_t walk_step(zlk_session & h)
 
 } // namespace
 
-const cluster_steps & ring_cluster_steps() noexcept
+// The retry frame's steps: reconnect is connect_to, walk_ring the walk and the consistency test.
+const cluster_steps & default_cluster_steps() noexcept
 {
     static const cluster_steps steps{&reconnect_step, &walk_step};
     return steps;
@@ -241,6 +242,6 @@ zlk_error_t zlk_cluster_endpoints(zlk_handle_t handle, zlk_remote_node_t ** endp
                                 *count = arcs.size();
                                 return zlk_e_ok;
                             },
-                            zlk::api::ring_cluster_steps(), zlk::api::steady_retry_clock());
+                            zlk::api::default_cluster_steps(), zlk::api::steady_retry_clock());
                     });
 }

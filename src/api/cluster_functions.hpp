@@ -21,10 +21,6 @@ zlk_error_t check_security_coherence(const zlk_session & h) noexcept;
 // cluster's settings (chord::cluster::connect_to), which the handle mirrors.
 zlk_error_t connect_to(zlk_session & h);
 
-// reconnect: connect_to; walk_ring: the walk and the consistency test. What wait_for_stable_cluster
-// needs to bring a handle back to a stable cluster.
-const cluster_steps & ring_cluster_steps() noexcept;
-
 // Rounds of connect_to and stabilize until one gives something other than a connection failure,
 // which is returned; sleeps k * d between rounds (d drawn as the retry frame draws it), and gives
 // zlk_e_timeout once `timeout` has passed. A timeout of 0 allows the first round only.

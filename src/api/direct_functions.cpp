@@ -6,8 +6,8 @@
 
 #include "api/call_frame.hpp"
 #include "api/entry_support.hpp"
-#include "api/make_error.hpp"
 #include "api/retry_frame.hpp"
+#include "base/make_error.hpp"
 #include "network/endpoint.hpp"
 #include "network/request.hpp"
 #include "wire/operation_body.hpp"

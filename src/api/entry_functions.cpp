@@ -13,7 +13,6 @@ namespace
 
 using zlk::api::api_call;
 using zlk::api::checked_entry;
-using zlk::api::send_entry_request;
 using zlk::protocol::operation;
 namespace client = zlk::client;
 
@@ -44,7 +43,8 @@ zlk_error_t read_entry_info(zlk_session & h, const char * alias, client::entry_i
 {
     const auto entry = checked_entry(alias);
     zlk::chord::owner_reply reply;
-    const zlk_error_t r = send_entry_request(h, entry.key, 0, true, false, &client::entry_info_body, reply);
+    const zlk_error_t r = zlk::client::send_entry_request(h.cluster, entry.key, 0, true, false,
+                                                          &client::entry_info_body, reply);
     if (ZLK_FAILURE(r))
     {
         return r;
@@ -82,11 +82,13 @@ zlk_error_t zlk_remove(zlk_handle_t handle, const char * alias) noexcept
             auto follow_up = [&](client::transaction_state & state, const zlk::chord::owner_reply & removed)
             {
                 const std::uint64_t type = removed.reply() ? removed.reply()->result.value : 0;
-                const zlk_error_t links = zlk::api::remove_entry_links(*handle, state, alias, type);
+                const zlk_error_t links =
+                    zlk::client::remove_entry_links(handle->cluster, state, alias, type);
                 return ZLK_FAILURE(links) ? links : clean_up_after_removal(type);
             };
             zlk::chord::owner_reply reply;
-            return zlk::api::remove_in_transaction(*handle, entry.key, 0, false, body, reply, follow_up);
+            return zlk::client::remove_in_transaction(handle->cluster, entry.key, 0, false, body, reply,
+                                                      follow_up);
         });
 }
 
@@ -98,7 +100,8 @@ zlk_error_t zlk_expires_at(zlk_handle_t handle, const char * alias, zlk_time_t e
                         const auto entry = checked_entry(alias);
                         auto body = [&] { return client::expires_at_body(expiry_time); };
                         zlk::chord::owner_reply reply;
-                        return send_entry_request(*handle, entry.key, 0, false, false, body, reply);
+                        return zlk::client::send_entry_request(handle->cluster, entry.key, 0, false, false,
+                                                               body, reply);
                     });
 }
 
@@ -110,7 +113,8 @@ zlk_error_t zlk_expires_from_now(zlk_handle_t handle, const char * alias, int64_
                         const auto entry = checked_entry(alias);
                         auto body = [&] { return client::expires_from_now_body(milliseconds); };
                         zlk::chord::owner_reply reply;
-                        return send_entry_request(*handle, entry.key, 0, false, false, body, reply);
+                        return zlk::client::send_entry_request(handle->cluster, entry.key, 0, false, false,
+                                                               body, reply);
                     });
 }
 

@@ -20,7 +20,7 @@
 #include "api/objects_tracker.hpp"
 #include "api/perf_profiles.hpp"
 #include "network/broker_service.hpp"
-#include "network/settings.hpp"
+#include "network/network_settings.hpp"
 #include "ring/cluster.hpp"
 #include "zlk/error.h"
 #include "zlk/types.h"

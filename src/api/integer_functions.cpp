@@ -9,7 +9,6 @@ namespace
 
 using zlk::api::api_call;
 using zlk::api::checked_entry;
-using zlk::api::send_entry_request;
 using zlk::protocol::operation;
 namespace client = zlk::client;
 
@@ -28,8 +27,8 @@ zlk_error_t write_integer(zlk_handle_t handle, const char * name, operation op, 
                     auto body = [&] { return client::int_write_body(op, entry.bytes, value, expiry); };
                     const std::uint16_t access = op == operation::int_put ? client::access_put : 0;
                     zlk::chord::owner_reply reply;
-                    const zlk_error_t r =
-                        send_entry_request(*handle, entry.key, access, false, false, body, reply);
+                    const zlk_error_t r = zlk::client::send_entry_request(handle->cluster, entry.key, access,
+                                                                          false, false, body, reply);
                     if (ZLK_SUCCESS(r) && op == operation::int_update && reply.reply() &&
                         reply.reply()->result.value != 0)
                     {
@@ -56,29 +55,30 @@ zlk_error_t zlk_int_update(zlk_handle_t handle, const char * alias, int64_t valu
 
 zlk_error_t zlk_int_get(zlk_handle_t handle, const char * alias, int64_t * value) noexcept
 {
-    return api_call(
-        handle, "zlk_int_get",
-        [&]() -> zlk_error_t
-        {
-            if (!value)
-            {
-                throw zlk_e_invalid_argument;
-            }
-            return zlk::api::run_with_retries(
-                *handle,
-                [&]() -> zlk_error_t
-                {
-                    const auto entry = checked_entry(alias);
-                    auto body = [] { return client::get_body(0, 0, zlk::kernel::entry_type::integer); };
-                    zlk::chord::owner_reply reply;
-                    const zlk_error_t r = send_entry_request(*handle, entry.key, 0, false, true, body, reply);
-                    if (ZLK_SUCCESS(r) && reply.reply())
+    return api_call(handle, "zlk_int_get",
+                    [&]() -> zlk_error_t
                     {
-                        *value = static_cast<int64_t>(reply.reply()->result.value);
-                    }
-                    return r;
-                });
-        });
+                        if (!value)
+                        {
+                            throw zlk_e_invalid_argument;
+                        }
+                        return zlk::api::run_with_retries(
+                            *handle,
+                            [&]() -> zlk_error_t
+                            {
+                                const auto entry = checked_entry(alias);
+                                auto body = []
+                                { return client::get_body(0, 0, zlk::kernel::entry_type::integer); };
+                                zlk::chord::owner_reply reply;
+                                const zlk_error_t r = zlk::client::send_entry_request(
+                                    handle->cluster, entry.key, 0, false, true, body, reply);
+                                if (ZLK_SUCCESS(r) && reply.reply())
+                                {
+                                    *value = static_cast<int64_t>(reply.reply()->result.value);
+                                }
+                                return r;
+                            });
+                    });
 }
 
 zlk_error_t zlk_int_add(zlk_handle_t handle, const char * alias, int64_t addend, int64_t * result) noexcept
@@ -93,8 +93,8 @@ zlk_error_t zlk_int_add(zlk_handle_t handle, const char * alias, int64_t addend,
                                 const auto entry = checked_entry(alias);
                                 auto body = [&] { return client::int_add_body(addend); };
                                 zlk::chord::owner_reply reply;
-                                const zlk_error_t r =
-                                    send_entry_request(*handle, entry.key, 0, false, false, body, reply);
+                                const zlk_error_t r = zlk::client::send_entry_request(
+                                    handle->cluster, entry.key, 0, false, false, body, reply);
                                 if (ZLK_SUCCESS(r) && result && reply.reply())
                                 {
                                     *result = static_cast<int64_t>(reply.reply()->result.value);

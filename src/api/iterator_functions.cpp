@@ -79,8 +79,8 @@ zlk_error_t ask(entry_walk & w, std::size_t node, const chord::ring_id & from, b
         }
         return zlk_e_ok;
     };
-    return zlk::api::request_node(*w.handle, w.arcs[node].node, from,
-                                  client::access_any_node | client::access_listing, true, body, read);
+    return zlk::client::request_node(w.handle->cluster, w.arcs[node].node, from,
+                                     client::access_any_node | client::access_listing, true, body, read);
 }
 
 zlk_error_t step(entry_walk & w, bool backward)

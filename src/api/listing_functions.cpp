@@ -72,8 +72,9 @@ zlk_error_t affix_get(zlk_handle_t handle, const char * name, client::affix_kind
                             [&]() -> zlk_error_t
                             {
                                 std::vector<std::string> found;
-                                const zlk_error_t r = zlk::api::list_affix(
-                                    *handle, checked, kind, static_cast<std::uint64_t>(max_count), found);
+                                const zlk_error_t r =
+                                    zlk::client::list_affix(handle->cluster, checked, kind,
+                                                            static_cast<std::uint64_t>(max_count), found);
                                 if (ZLK_SUCCESS(r))
                                 {
                                     zlk::api::hand_out_alias_list(*handle, found, aliases, alias_count);
@@ -96,7 +97,7 @@ zlk_error_t affix_count(zlk_handle_t handle, const char * name, client::affix_ki
                         }
                         *count = 0;
                         std::uint64_t n = 0;
-                        const zlk_error_t r = zlk::api::count_affix(*handle, checked, kind, n);
+                        const zlk_error_t r = zlk::client::count_affix(handle->cluster, checked, kind, n);
                         if (ZLK_SUCCESS(r))
                         {
                             *count = n;
@@ -118,8 +119,8 @@ zlk_error_t scan(zlk_handle_t handle, std::span<const std::uint8_t> pattern, cli
         [&]() -> zlk_error_t
         {
             std::vector<std::string> found;
-            const zlk_error_t r =
-                zlk::api::scan_ring(*handle, pattern, kind, static_cast<std::uint64_t>(max_count), found);
+            const zlk_error_t r = zlk::client::scan_ring(handle->cluster, pattern, kind,
+                                                         static_cast<std::uint64_t>(max_count), found);
             if (ZLK_SUCCESS(r))
             {
                 zlk::api::hand_out_alias_list(*handle, found, aliases, alias_count);

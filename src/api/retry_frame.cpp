@@ -1,7 +1,5 @@
 #include "api/retry_frame.hpp"
 
-#include "api/cluster_functions.hpp"
-
 #include <limits>
 #include <thread>
 
@@ -52,11 +50,6 @@ std::chrono::nanoseconds scaled_delay(std::chrono::milliseconds delay, std::uint
         return std::chrono::nanoseconds{std::numeric_limits<rep>::max()};
     }
     return std::chrono::nanoseconds{scaled};
-}
-
-const cluster_steps & default_cluster_steps() noexcept
-{
-    return ring_cluster_steps();
 }
 
 zlk_error_t wait_for_stable_cluster(zlk_session * h, const cluster_steps & steps, retry_clock & clock)

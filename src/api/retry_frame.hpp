@@ -61,6 +61,8 @@ struct cluster_steps
     std::function<zlk_error_t(zlk_session &)> walk_ring;
 };
 
+// The ring's own reconnect and walk. Defined with the cluster functions (cluster_functions.cpp), which
+// stand above this frame: the frame names the steps it needs without including them.
 const cluster_steps & default_cluster_steps() noexcept;
 
 // Reconnects and walks the ring until the result is no longer a connection failure or

@@ -7,31 +7,19 @@
 #include "api/call_frame.hpp"
 #include "api/entry_support.hpp"
 #include "api/retry_frame.hpp"
-#include "log/logger.hpp"
 #include "zlk/tag.h"
 
 namespace
 {
 
 using zlk::api::api_call;
-using zlk::api::checked_entry;
-using zlk::protocol::operation;
 namespace client = zlk::client;
 namespace kernel = zlk::kernel;
-
-constexpr std::uint8_t tag_type = static_cast<std::uint8_t>(kernel::entry_type::tag);
-constexpr std::uint8_t link_type = static_cast<std::uint8_t>(kernel::entry_type::tag_link);
 
 template <typename Body>
 zlk_error_t in_frame(zlk_handle_t handle, const char * name, Body && body)
 {
     return api_call(handle, name, [&]() -> zlk_error_t { return zlk::api::run_with_retries(*handle, body); });
-}
-
-// A name as the wire carries it: its characters and the terminating zero.
-std::string_view with_zero(const char * checked, std::size_t length)
-{
-    return {checked, length + 1};
 }
 
 struct checked_names
@@ -59,96 +47,6 @@ void check_tag_list(const char * const * tags, std::size_t count, std::vector<zl
     }
 }
 
-zlk_error_t send_in(client::transaction_state & state, std::string_view name_with_zero,
-                    zlk::protocol::operation_body (*make)(std::string_view, std::uint8_t), std::uint8_t type,
-                    zlk::chord::owner_reply & reply)
-{
-    const zlk::chord::ring_id key = zlk::chord::alias_hash(name_with_zero.data(), name_with_zero.size());
-    auto body = [&] { return make(name_with_zero, type); };
-    return state.send(key, client::access_transaction, false, body, reply);
-}
-
-// The entry must exist: its type goes into the link.
-zlk_error_t entry_type_of(client::transaction_state & state, std::string_view alias_with_zero,
-                          std::uint8_t & type)
-{
-    zlk::chord::owner_reply reply;
-    const zlk_error_t r =
-        send_in(state, alias_with_zero, &client::link_tag_body, kernel::any_entry_type, reply);
-    if (ZLK_SUCCESS(r) && reply.reply())
-    {
-        type = static_cast<std::uint8_t>(reply.reply()->result.value);
-    }
-    return r;
-}
-
-// One tag on an entry whose type is known: the link, then the tag entry when it is missing.
-zlk_error_t attach_in(client::transaction_state & state, std::string_view alias, std::uint8_t entry_type,
-                      std::string_view tag_with_zero)
-{
-    std::string link = client::tag_link_alias(tag_with_zero.substr(0, tag_with_zero.size() - 1), alias);
-    link.push_back('\0');
-    zlk::chord::owner_reply reply;
-    const zlk_error_t linked = send_in(state, link, &client::link_tag_back_body, entry_type, reply);
-    if (linked != zlk_e_ok)
-    {
-        return linked;
-    }
-    return send_in(state, tag_with_zero, &client::link_tag_body, tag_type, reply);
-}
-
-zlk_error_t remove_link_in(client::transaction_state & state, std::string_view tag, std::string_view alias)
-{
-    std::string link = client::tag_link_alias(tag, alias);
-    const zlk::chord::ring_id key = zlk::chord::alias_hash(link);
-    auto body = [] { return client::typed_body(operation::remove, link_type); };
-    zlk::chord::owner_reply reply;
-    const zlk_error_t r = state.send(key, client::access_transaction, false, body, reply);
-    return r == zlk_e_alias_not_found ? zlk_e_tag_not_set : r;
-}
-
-zlk_error_t read_link(zlk_session & h, std::string_view tag, std::string_view alias)
-{
-    const zlk::chord::ring_id key = zlk::chord::alias_hash(client::tag_link_alias(tag, alias));
-    auto body = []
-    { return client::get_body(0, 0, static_cast<kernel::entry_type>(kernel::any_entry_type)); };
-    zlk::chord::owner_reply reply;
-    return zlk::api::send_entry_request(h, key, client::access_tag_test, true, true, body, reply);
-}
-
-// Whether the entry has the tag: a missing link is zlk_e_tag_not_set, unless the tag's name is taken by
-// an entry of another type (zlk_e_incompatible_type).
-zlk_error_t test_tag(zlk_session & h, std::string_view alias, std::string_view tag)
-{
-    const zlk_error_t first = read_link(h, tag, alias);
-    if (first != zlk_e_alias_not_found)
-    {
-        return first;
-    }
-    zlk::chord::owner_reply reply;
-    const zlk_error_t info = zlk::api::send_entry_request(h, zlk::chord::alias_hash(tag), 0, true, false,
-                                                          &client::entry_info_body, reply);
-    if (ZLK_SUCCESS(info))
-    {
-        client::entry_info decoded;
-        const zlk_error_t r = client::decode_entry_info(reply.reply()->result.content_view(), decoded);
-        if (ZLK_FAILURE(r))
-        {
-            return r;
-        }
-        if (decoded.type != tag_type)
-        {
-            return zlk_e_incompatible_type;
-        }
-    }
-    else if (info != zlk_e_alias_not_found)
-    {
-        return info;
-    }
-    const zlk_error_t again = read_link(h, tag, alias);
-    return again == zlk_e_alias_not_found ? zlk_e_tag_not_set : again;
-}
-
 void check_list_out(const void * list, const void * count)
 {
     if (!list || !count)
@@ -157,44 +55,29 @@ void check_list_out(const void * list, const void * count)
     }
 }
 
-// The parts of links that fit; the others are logged and passed over.
-template <typename Parse>
-void parse_links(const std::vector<std::string> & links, std::vector<std::string> & out, Parse && parse,
-                 std::vector<std::uint8_t> * types = nullptr,
-                 const std::vector<std::uint8_t> * link_types = nullptr)
+// A list the cluster gave, handed out as one alias list.
+template <typename List>
+zlk_error_t hand_out_list(zlk_session & h, List && list, const char *** out, size_t * count)
 {
-    std::string part;
-    for (std::size_t i = 0; i < links.size(); ++i)
+    std::vector<std::string> names;
+    const zlk_error_t r = list(names);
+    if (ZLK_SUCCESS(r))
     {
-        if (!parse(links[i], part))
-        {
-            zlk::log::log(zlk::log::level::warning, "*** cannot parse tag link {}", links[i]);
-            continue;
-        }
-        out.push_back(part);
-        if (types && link_types)
-        {
-            types->push_back((*link_types)[i]);
-        }
+        zlk::api::hand_out_alias_list(h, names, out, count);
     }
+    return r;
 }
 
-// The names a listing of links stands for (the entries of a tag, or the tags of an entry), handed out
-// as one alias list.
-template <typename Parse>
-zlk_error_t hand_out_linked(zlk_session & h, const std::string & affix, client::affix_kind kind,
-                            Parse && parse, const char *** aliases, size_t * alias_count)
+// The checked names of a list of tags, without their zeros (which stay in the caller's strings).
+std::vector<std::string_view> tag_names(const std::vector<zlk::api::checked_alias> & list)
 {
-    std::vector<std::string> links;
-    const zlk_error_t r = zlk::api::list_affix(h, affix, kind, 0, links);
-    if (ZLK_FAILURE(r))
+    std::vector<std::string_view> names;
+    names.reserve(list.size());
+    for (const auto & t : list)
     {
-        return r;
+        names.emplace_back(t.data, t.length - 1);
     }
-    std::vector<std::string> names;
-    parse_links(links, names, parse);
-    zlk::api::hand_out_alias_list(h, names, aliases, alias_count);
-    return zlk_e_ok;
+    return names;
 }
 
 // The tag iterator's state: the tag's entries as listed, and the place of the current one.
@@ -254,21 +137,8 @@ zlk_error_t zlk_attach_tag(zlk_handle_t handle, const char * alias, const char *
                     [&]() -> zlk_error_t
                     {
                         const checked_names n = check_names(alias, tag);
-                        const auto entry = checked_entry(alias);
-                        return zlk::api::run_in_transaction(
-                            *handle, entry.key,
-                            [&](client::transaction_state & state)
-                            {
-                                std::uint8_t type = 0;
-                                const zlk_error_t r =
-                                    entry_type_of(state, with_zero(n.alias.data, n.alias.length - 1), type);
-                                if (r != zlk_e_ok)
-                                {
-                                    return r;
-                                }
-                                return attach_in(state, n.alias_text(), type,
-                                                 with_zero(n.tag.data, n.tag.length - 1));
-                            });
+                        const std::string_view tags[] = {n.tag_text()};
+                        return client::attach_tags(handle->cluster, n.alias_text(), tags);
                     });
 }
 
@@ -281,35 +151,9 @@ zlk_error_t zlk_attach_tags(zlk_handle_t handle, const char * alias, const char 
                         const auto checked = zlk::api::check_alias(alias);
                         std::vector<zlk::api::checked_alias> list;
                         check_tag_list(tags, tag_count, list);
-                        const auto entry = checked_entry(alias);
-                        const std::string_view name(checked.data, checked.length - 1);
-                        return zlk::api::run_in_transaction(
-                            *handle, entry.key,
-                            [&](client::transaction_state & state)
-                            {
-                                std::uint8_t type = 0;
-                                const zlk_error_t r =
-                                    entry_type_of(state, with_zero(checked.data, name.size()), type);
-                                if (r != zlk_e_ok)
-                                {
-                                    return r;
-                                }
-                                std::size_t already = 0;
-                                for (const auto & t : list)
-                                {
-                                    const zlk_error_t a =
-                                        attach_in(state, name, type, with_zero(t.data, t.length - 1));
-                                    if (a == zlk_e_tag_already_set)
-                                    {
-                                        ++already;
-                                    }
-                                    else if (a != zlk_e_ok)
-                                    {
-                                        return a;
-                                    }
-                                }
-                                return already == list.size() ? zlk_e_tag_already_set : zlk_e_ok;
-                            });
+                        return client::attach_tags(handle->cluster,
+                                                   std::string_view(checked.data, checked.length - 1),
+                                                   tag_names(list));
                     });
 }
 
@@ -319,7 +163,7 @@ zlk_error_t zlk_has_tag(zlk_handle_t handle, const char * alias, const char * ta
                     [&]() -> zlk_error_t
                     {
                         const checked_names n = check_names(alias, tag);
-                        return test_tag(*handle, n.alias_text(), n.tag_text());
+                        return client::test_tag(handle->cluster, n.alias_text(), n.tag_text());
                     });
 }
 
@@ -329,16 +173,14 @@ zlk_error_t zlk_detach_tag(zlk_handle_t handle, const char * alias, const char *
                     [&]() -> zlk_error_t
                     {
                         const checked_names n = check_names(alias, tag);
-                        const zlk_error_t tested = test_tag(*handle, n.alias_text(), n.tag_text());
+                        const zlk_error_t tested =
+                            client::test_tag(handle->cluster, n.alias_text(), n.tag_text());
                         if (tested != zlk_e_ok)
                         {
                             return tested;
                         }
-                        const auto entry = checked_entry(alias);
-                        return zlk::api::run_in_transaction(
-                            *handle, entry.key,
-                            [&](client::transaction_state & state)
-                            { return remove_link_in(state, n.tag_text(), n.alias_text()); });
+                        const std::string_view tags[] = {n.tag_text()};
+                        return client::detach_tags(handle->cluster, n.alias_text(), tags);
                     });
 }
 
@@ -351,28 +193,9 @@ zlk_error_t zlk_detach_tags(zlk_handle_t handle, const char * alias, const char 
                         const auto checked = zlk::api::check_alias(alias);
                         std::vector<zlk::api::checked_alias> list;
                         check_tag_list(tags, tag_count, list);
-                        const auto entry = checked_entry(alias);
-                        const std::string_view name(checked.data, checked.length - 1);
-                        return zlk::api::run_in_transaction(
-                            *handle, entry.key,
-                            [&](client::transaction_state & state)
-                            {
-                                std::size_t missing = 0;
-                                for (const auto & t : list)
-                                {
-                                    const zlk_error_t r =
-                                        remove_link_in(state, std::string_view(t.data, t.length - 1), name);
-                                    if (r == zlk_e_tag_not_set)
-                                    {
-                                        ++missing;
-                                    }
-                                    else if (r != zlk_e_ok)
-                                    {
-                                        return r;
-                                    }
-                                }
-                                return missing == list.size() ? zlk_e_tag_not_set : zlk_e_ok;
-                            });
+                        return client::detach_tags(handle->cluster,
+                                                   std::string_view(checked.data, checked.length - 1),
+                                                   tag_names(list));
                     });
 }
 
@@ -387,10 +210,10 @@ zlk_error_t zlk_get_tagged(zlk_handle_t handle, const char * tag, const char ***
                         *aliases = nullptr;
                         *alias_count = 0;
                         const std::string_view name(t.data, t.length - 1);
-                        return hand_out_linked(
-                            *handle, client::tag_links_prefix(name), client::affix_kind::prefix,
-                            [&](const std::string & link, std::string & out)
-                            { return client::entry_of_link(link, name, out); },
+                        return hand_out_list(
+                            *handle,
+                            [&](std::vector<std::string> & out)
+                            { return client::tagged_entries(handle->cluster, name, out); },
                             aliases, alias_count);
                     });
 }
@@ -407,9 +230,8 @@ zlk_error_t zlk_get_tagged_count(zlk_handle_t handle, const char * tag, uint64_t
                         }
                         *count = 0;
                         std::uint64_t n = 0;
-                        const zlk_error_t r = zlk::api::count_affix(
-                            *handle, client::tag_links_prefix(std::string_view(t.data, t.length - 1)),
-                            client::affix_kind::prefix, n);
+                        const zlk_error_t r =
+                            client::tagged_count(handle->cluster, std::string_view(t.data, t.length - 1), n);
                         if (ZLK_SUCCESS(r))
                         {
                             *count = n;
@@ -429,10 +251,10 @@ zlk_error_t zlk_get_tags(zlk_handle_t handle, const char * alias, const char ***
                         *tags = nullptr;
                         *tag_count = 0;
                         const std::string_view name(a.data, a.length - 1);
-                        return hand_out_linked(
-                            *handle, client::entry_links_suffix(name), client::affix_kind::suffix,
-                            [&](const std::string & link, std::string & out)
-                            { return client::tag_of_link(link, name, out); },
+                        return hand_out_list(
+                            *handle,
+                            [&](std::vector<std::string> & out)
+                            { return client::entry_tags(handle->cluster, name, out); },
                             tags, tag_count);
                     });
 }
@@ -449,27 +271,14 @@ zlk_error_t zlk_tag_iterator_begin(zlk_handle_t handle, const char * tag,
             *iterator = zlk_const_tag_iterator_t{handle, nullptr, ZLK_TAG_ITERATOR_DEAD, nullptr, -1};
             const std::string_view name(t.data, t.length - 1);
             auto walk = std::make_unique<tag_walk>();
-            const zlk_error_t r =
-                zlk::api::run_with_retries(*handle,
-                                           [&]() -> zlk_error_t
-                                           {
-                                               std::vector<std::string> links;
-                                               std::vector<std::uint8_t> link_types;
-                                               const zlk_error_t listed = zlk::api::list_affix(
-                                                   *handle, client::tag_links_prefix(name),
-                                                   client::affix_kind::prefix, 0, links, &link_types);
-                                               if (ZLK_SUCCESS(listed))
-                                               {
-                                                   walk->aliases.clear();
-                                                   walk->types.clear();
-                                                   parse_links(
-                                                       links, walk->aliases,
-                                                       [&](const std::string & link, std::string & out)
-                                                       { return client::entry_of_link(link, name, out); },
-                                                       &walk->types, &link_types);
-                                               }
-                                               return listed;
-                                           });
+            const zlk_error_t r = zlk::api::run_with_retries(
+                *handle,
+                [&]() -> zlk_error_t
+                {
+                    walk->aliases.clear();
+                    walk->types.clear();
+                    return client::tagged_entries(handle->cluster, name, walk->aliases, &walk->types);
+                });
             if (ZLK_FAILURE(r))
             {
                 return r;

@@ -10,7 +10,7 @@
 #include "api/call_frame.hpp"
 #include "api/retry_frame.hpp"
 #include "timeseries/aggregate_requests.hpp"
-#include "timeseries/bucket.hpp"
+#include "timeseries/codec/bucket.hpp"
 #include "timeseries/table_metadata.hpp"
 #include "zlk/ts_aggregate.h"
 

@@ -7,7 +7,7 @@
 #include "api/call_frame.hpp"
 #include "api/retry_frame.hpp"
 #include "timeseries/batch_table.hpp"
-#include "timeseries/bucket.hpp"
+#include "timeseries/codec/bucket.hpp"
 #include "timeseries/push.hpp"
 #include "zlk/ts_batch.h"
 

@@ -7,10 +7,10 @@
 #include "api/argument_checks.hpp"
 #include "api/call_frame.hpp"
 #include "api/retry_frame.hpp"
-#include "timeseries/bucket.hpp"
+#include "timeseries/codec/bucket.hpp"
+#include "timeseries/codec/ts_messages.hpp"
 #include "timeseries/column_requests.hpp"
 #include "timeseries/table_metadata.hpp"
-#include "timeseries/ts_messages.hpp"
 #include "zlk/ts.h"
 
 namespace

@@ -7,7 +7,7 @@
 #include "api/argument_checks.hpp"
 #include "api/call_frame.hpp"
 #include "api/retry_frame.hpp"
-#include "timeseries/bucket.hpp"
+#include "timeseries/codec/bucket.hpp"
 #include "timeseries/local_table.hpp"
 #include "timeseries/push.hpp"
 #include "zlk/ts_local_table.h"

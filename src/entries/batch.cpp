@@ -4,9 +4,9 @@
 #include <bit>
 #include <cstring>
 
-#include "api/make_error.hpp"
-#include "entries/entry_type.hpp"
-#include "ring/alias_hash.hpp"
+#include "base/alias_hash.hpp"
+#include "base/entry_type.hpp"
+#include "base/make_error.hpp"
 #include "wire/content_compression.hpp"
 
 namespace zlk::client

@@ -10,8 +10,8 @@
 #include <span>
 #include <vector>
 
-#include "api/buffer.hpp"
 #include "entries/entry_requests.hpp"
+#include "network/received_buffer.hpp"
 #include "ring/routing.hpp"
 #include "zlk/batch.h"
 

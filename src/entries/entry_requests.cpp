@@ -2,7 +2,7 @@
 
 #include <cstring>
 
-#include "api/error_categories.hpp"
+#include "base/error_categories.hpp"
 #include "wire/content_compression.hpp"
 #include "wire/marshal.hpp"
 #include "wire/operations.hpp"

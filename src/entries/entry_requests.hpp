@@ -10,10 +10,10 @@
 #include <span>
 #include <vector>
 
-#include "entries/entry_type.hpp"
+#include "base/entry_type.hpp"
+#include "base/time_value.hpp"
 #include "ring/routing.hpp"
 #include "wire/operation_body.hpp"
-#include "wire/time_value.hpp"
 #include "zlk/types.h"
 
 namespace zlk::client

@@ -10,8 +10,8 @@
 #include <string_view>
 #include <vector>
 
-#include "entries/entry_type.hpp"
-#include "ring/ring_id.hpp"
+#include "base/entry_type.hpp"
+#include "base/ring_id.hpp"
 #include "wire/operation_body.hpp"
 #include "zlk/error.h"
 
@@ -70,8 +70,8 @@ zlk_error_t decode_walk_reply(std::span<const std::uint8_t> content, std::string
                               std::span<const std::uint8_t> & stored) noexcept;
 
 // Tag links: the reserved mark, then "tag.{tag}.{alias}.tag".
-inline constexpr std::string_view tag_link_mark = kernel::reserved_alias_mark;
-inline constexpr std::string_view tag_link_tail = ".tag";
+using kernel::tag_link_mark;
+using kernel::tag_link_tail;
 std::string tag_link_alias(std::string_view tag, std::string_view alias);
 // The prefix of all links of a tag, and the suffix of all links of an entry.
 std::string tag_links_prefix(std::string_view tag);

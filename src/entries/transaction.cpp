@@ -2,7 +2,8 @@
 
 #include <algorithm>
 
-#include "api/make_error.hpp"
+#include "base/make_error.hpp"
+#include "base/status_text.hpp"
 #include "entries/entry_requests.hpp"
 #include "log/logger.hpp"
 #include "network/request.hpp"
@@ -66,7 +67,7 @@ zlk_error_t build_transaction_token(chord::cluster & c, const chord::ring_id & k
     if (ZLK_FAILURE(result))
     {
         log::log(log::level::error, "could not generate timestamp with node {}: {}", out.coordinator.endpoint,
-                 zlk_error(result));
+                 zlk::status_text(result));
     }
     return result;
 }
@@ -166,7 +167,7 @@ zlk_error_t transaction_state::set_state(transaction_phase wanted)
         if (ZLK_FAILURE(r))
         {
             log::log(log::level::error, "could not set transaction state for node {}: {}", g.node.endpoint,
-                     zlk_error(r));
+                     zlk::status_text(r));
             if (ZLK_SUCCESS(first))
             {
                 first = r;

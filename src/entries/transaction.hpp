@@ -12,8 +12,8 @@
 #include <cstdint>
 #include <vector>
 
+#include "base/uuid.hpp"
 #include "ring/routing.hpp"
-#include "wire/uuid.hpp"
 #include "zlk/error.h"
 
 namespace zlk::client

@@ -8,7 +8,7 @@
 #include <span>
 #include <tuple>
 
-#include "api/error_categories.hpp"
+#include "base/error_categories.hpp"
 #include "log/logger.hpp"
 #include "network/clients_broker.hpp"
 #include "network/multiplexer.hpp"

@@ -11,7 +11,7 @@
 #include "log/background_service.hpp"
 #include "network/clients_broker.hpp"
 #include "network/multiplexer.hpp"
-#include "network/settings.hpp"
+#include "network/network_settings.hpp"
 
 namespace zlk::network
 {

@@ -12,7 +12,7 @@
 #include <cerrno>
 #include <cstring>
 
-#include "api/error_categories.hpp"
+#include "base/error_categories.hpp"
 #include "log/logger.hpp"
 #include "network/framing.hpp"
 #include "network/socket_errors.hpp"

@@ -19,8 +19,8 @@
 #include <memory>
 #include <vector>
 
-#include "api/buffer.hpp"
 #include "network/endpoint.hpp"
+#include "network/received_buffer.hpp"
 #include "network/security_settings.hpp"
 #include "wire/frame.hpp"
 #include "wire/scatter.hpp"

@@ -27,7 +27,7 @@
 
 #include "network/client.hpp"
 #include "network/endpoint.hpp"
-#include "network/settings.hpp"
+#include "network/network_settings.hpp"
 
 namespace zlk::network
 {

@@ -2,7 +2,7 @@
 
 #include <span>
 
-#include "api/error_categories.hpp"
+#include "base/error_categories.hpp"
 #include "log/logger.hpp"
 #include "network/binary_size.hpp"
 #include "wire/frame.hpp"

@@ -7,8 +7,8 @@
 #include <cstddef>
 #include <memory>
 
-#include "api/buffer.hpp"
 #include "network/inplace_function.hpp"
+#include "network/received_buffer.hpp"
 #include "wire/messages.hpp"
 
 namespace zlk

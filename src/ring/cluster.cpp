@@ -1,7 +1,8 @@
 #include "ring/cluster.hpp"
 
-#include "api/error_categories.hpp"
-#include "api/make_error.hpp"
+#include "base/error_categories.hpp"
+#include "base/make_error.hpp"
+#include "base/status_text.hpp"
 #include "log/logger.hpp"
 
 namespace zlk::chord
@@ -103,7 +104,7 @@ void cluster::read_settings()
         }
         if (ZLK_FAILURE(status))
         {
-            log::log(log::level::error, fmt::runtime(s.failure), zlk_error(status));
+            log::log(log::level::error, fmt::runtime(s.failure), zlk::status_text(status));
             continue;
         }
         switch (s.item)

@@ -2,7 +2,7 @@
 
 #include <boost/system/errc.hpp>
 
-#include "api/error_categories.hpp"
+#include "base/error_categories.hpp"
 #include "log/logger.hpp"
 #include "network/request.hpp"
 #include "wire/operation_body.hpp"

@@ -7,7 +7,7 @@
 #include <algorithm>
 #include <set>
 
-#include "api/error_categories.hpp"
+#include "base/error_categories.hpp"
 #include "log/logger.hpp"
 
 namespace zlk::chord

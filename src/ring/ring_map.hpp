@@ -21,8 +21,8 @@
 #include <utility>
 #include <vector>
 
+#include "base/ring_id.hpp"
 #include "network/endpoint.hpp"
-#include "ring/ring_id.hpp"
 #include "wire/node_info.hpp"
 
 namespace zlk::chord

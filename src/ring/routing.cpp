@@ -2,6 +2,7 @@
 
 #include <chrono>
 
+#include "base/status_text.hpp"
 #include "network/request.hpp"
 #include "wire/replies.hpp"
 
@@ -62,23 +63,6 @@ chord_outcome read_non_carrier(cluster & c, const node_info & node, const protoc
 }
 
 } // namespace
-
-chord_carrier_request make_carrier(const ring_id & key, std::uint64_t client_id,
-                                   std::uint16_t required_access, const protocol::operation_body & body,
-                                   const zlk::uuid & transaction)
-{
-    chord_carrier_request carrier;
-    carrier.key = key;
-    carrier.client_id = client_id;
-    carrier.transaction = transaction;
-    carrier.required_access = required_access;
-    carrier.valid = 1;
-    carrier.operation_class = body.operation_class;
-    carrier.body = body.bytes();
-    carrier.body_pieces = body.pieces;
-    carrier.body_owner = body.owner;
-    return carrier;
-}
 
 zlk_error_t request_owner(cluster & c, const owner_request & request, client::body_builder build_body,
                           owner_reply & out)
@@ -198,7 +182,7 @@ client::error_detail treat_carrier_reply(cluster & c, const client::request_reco
     if (ZLK_FAILURE(d.status))
     {
         log::log(log::level::error, "node in error: processing returned error code {} for client id {}",
-                 zlk_error(d.status), expected);
+                 zlk::status_text(d.status), expected);
         return d;
     }
     if (!has_content && reply.result.content_size() != 0)
@@ -206,7 +190,7 @@ client::error_detail treat_carrier_reply(cluster & c, const client::request_reco
         d.error = make_error_code(error::unexpected_reply);
         d.status = zlk_e_invalid_reply;
         log::log(log::level::error, "node in error: processing returned error code {} for client id {}",
-                 zlk_error(d.status), expected);
+                 zlk::status_text(d.status), expected);
     }
     return d;
 }

@@ -40,8 +40,10 @@
 #include <utility>
 #include <vector>
 
-#include "api/error_categories.hpp"
-#include "api/make_error.hpp"
+#include "base/error_categories.hpp"
+#include "base/function_ref.hpp"
+#include "base/make_error.hpp"
+#include "base/uuid.hpp"
 #include "log/logger.hpp"
 #include "network/allocators.hpp"
 #include "network/async_query.hpp"
@@ -52,7 +54,6 @@
 #include "wire/messages.hpp"
 #include "wire/operation_body.hpp"
 #include "wire/replies.hpp"
-#include "wire/uuid.hpp"
 #include "zlk/error.h"
 
 namespace zlk::client
@@ -84,44 +85,7 @@ struct node_group
 // client_id beyond the group. For policies that index by client_id.
 boost::system::error_code group_size_error(std::uint64_t client_id, std::size_t group_size) noexcept;
 
-// A reference to a callable, without owning or allocating: what the non-template routing code takes.
-template <typename Signature>
-class function_ref;
-
-template <typename R, typename... Args>
-class function_ref<R(Args...)>
-{
-public:
-    template <typename F, typename = std::enable_if_t<!std::is_same_v<std::decay_t<F>, function_ref>>>
-    function_ref(F && f) noexcept // NOLINT: converting, like std::function
-    {
-        using target = std::remove_reference_t<F>;
-        if constexpr (std::is_function_v<target>)
-        {
-            _target.function = reinterpret_cast<void (*)()>(&f);
-            _call = [](target_storage t, Args... args) -> R
-            { return reinterpret_cast<target *>(t.function)(std::forward<Args>(args)...); };
-        }
-        else
-        {
-            _target.object = const_cast<void *>(static_cast<const void *>(std::addressof(f)));
-            _call = [](target_storage t, Args... args) -> R
-            { return (*static_cast<target *>(t.object))(std::forward<Args>(args)...); };
-        }
-    }
-
-    R operator()(Args... args) const { return _call(_target, std::forward<Args>(args)...); }
-
-private:
-    union target_storage
-    {
-        void * object;
-        void (*function)();
-    };
-
-    target_storage _target{};
-    R (*_call)(target_storage, Args...);
-};
+using zlk::function_ref;
 
 using body_builder = function_ref<protocol::operation_body()>;
 
@@ -156,12 +120,6 @@ struct owner_request
     bool has_content = true;
     locator locate = &find_owner;
 };
-
-// A carrier as a client sends it: `from` unset, valid 1, the body's class and bytes (kept alive by the
-// carrier).
-chord_carrier_request make_carrier(const ring_id & key, std::uint64_t client_id,
-                                   std::uint16_t required_access, const protocol::operation_body & body,
-                                   const zlk::uuid & transaction = {});
 
 // One request to the owner of request.key: three attempts, the owner asked anew (force_remote) after
 // the first; a transport failure forgets the node and retries, so does a refusal with "wrong peer"; any

@@ -6,8 +6,8 @@
 #include <memory>
 #include <vector>
 
+#include "base/time_value.hpp"
 #include "timeseries/batch_columns.hpp"
-#include "wire/time_value.hpp"
 
 struct zlk_session;
 

@@ -2,10 +2,10 @@
 
 #include <algorithm>
 
-#include "api/make_error.hpp"
-#include "ring/alias_hash.hpp"
+#include "base/alias_hash.hpp"
+#include "base/make_error.hpp"
 #include "ring/routing.hpp"
-#include "timeseries/ts_messages.hpp"
+#include "timeseries/codec/ts_messages.hpp"
 
 namespace zlk::timeseries
 {

@@ -8,9 +8,9 @@
 #include <string_view>
 #include <vector>
 
+#include "base/column_type.hpp"
 #include "ring/cluster.hpp"
-#include "timeseries/bucket.hpp"
-#include "timeseries/column_type.hpp"
+#include "timeseries/codec/bucket.hpp"
 #include "timeseries/table_metadata.hpp"
 #include "zlk/error.h"
 #include "zlk/types.h"

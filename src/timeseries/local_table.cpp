@@ -3,11 +3,11 @@
 #include <limits>
 #include <map>
 
-#include "api/make_error.hpp"
+#include "base/alias_hash.hpp"
+#include "base/make_error.hpp"
 #include "log/logger.hpp"
-#include "ring/alias_hash.hpp"
 #include "ring/routing.hpp"
-#include "timeseries/bucket.hpp"
+#include "timeseries/codec/bucket.hpp"
 
 namespace zlk::timeseries
 {

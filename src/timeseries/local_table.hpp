@@ -13,11 +13,11 @@
 #include <variant>
 #include <vector>
 
+#include "base/time_value.hpp"
 #include "ring/cluster.hpp"
 #include "timeseries/batch_columns.hpp"
+#include "timeseries/codec/ts_messages.hpp"
 #include "timeseries/table_metadata.hpp"
-#include "timeseries/ts_messages.hpp"
-#include "wire/time_value.hpp"
 #include "zlk/error.h"
 
 struct zlk_session;

@@ -9,14 +9,14 @@
 #include <thread>
 #include <vector>
 
-#include "api/api_exception.hpp"
-#include "api/make_error.hpp"
+#include "base/alias_hash.hpp"
+#include "base/api_exception.hpp"
+#include "base/make_error.hpp"
 #include "entries/batch.hpp"
 #include "log/logger.hpp"
-#include "ring/alias_hash.hpp"
 #include "ring/routing.hpp"
-#include "timeseries/bucket.hpp"
-#include "timeseries/shard_write.hpp"
+#include "timeseries/codec/bucket.hpp"
+#include "timeseries/codec/shard_write.hpp"
 
 namespace zlk::timeseries
 {

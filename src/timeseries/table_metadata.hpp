@@ -13,8 +13,8 @@
 #include <string_view>
 #include <vector>
 
+#include "base/column_type.hpp"
 #include "ring/cluster.hpp"
-#include "timeseries/column_type.hpp"
 #include "zlk/error.h"
 
 namespace zlk::timeseries

@@ -3,10 +3,10 @@
 #include <algorithm>
 #include <cstring>
 
-#include "api/api_exception.hpp"
-#include "entries/entry_type.hpp"
+#include "base/api_exception.hpp"
+#include "base/entry_type.hpp"
 #include "ring/routing.hpp"
-#include "timeseries/bucket.hpp"
+#include "timeseries/codec/bucket.hpp"
 
 namespace zlk::timeseries
 {

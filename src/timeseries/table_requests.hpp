@@ -9,7 +9,7 @@
 #include <vector>
 
 #include "ring/cluster.hpp"
-#include "timeseries/ts_messages.hpp"
+#include "timeseries/codec/ts_messages.hpp"
 #include "zlk/error.h"
 #include "zlk/ts_types.h"
 

@@ -5,7 +5,7 @@
 #include <array>
 #include <string>
 
-#include "api/error_categories.hpp"
+#include "base/error_categories.hpp"
 
 namespace zlk::network
 {

@@ -31,11 +31,11 @@
 #include <type_traits>
 #include <vector>
 
-#include "api/error_categories.hpp"
-#include "ring/ring_id.hpp"
+#include "base/error_categories.hpp"
+#include "base/ring_id.hpp"
+#include "base/time_value.hpp"
+#include "base/uuid.hpp"
 #include "wire/scatter.hpp"
-#include "wire/time_value.hpp"
-#include "wire/uuid.hpp"
 #include "zlk/types.h"
 
 namespace zlk::serialization

@@ -18,10 +18,10 @@
 #include <variant>
 #include <vector>
 
-#include "ring/ring_id.hpp"
+#include "base/ring_id.hpp"
+#include "base/uuid.hpp"
 #include "wire/marshal.hpp"
 #include "wire/node_info.hpp"
-#include "wire/uuid.hpp"
 
 namespace zlk::protocol
 {

@@ -11,7 +11,7 @@
 #include <cstddef>
 #include <cstdint>
 
-#include "ring/ring_id.hpp"
+#include "base/ring_id.hpp"
 #include "wire/marshal.hpp"
 
 namespace zlk::chord

@@ -78,3 +78,25 @@ operation_body out_of_memory_body() noexcept
 }
 
 } // namespace zlk::protocol::detail
+
+namespace zlk::chord
+{
+
+chord_carrier_request make_carrier(const ring_id & key, std::uint64_t client_id,
+                                   std::uint16_t required_access, const protocol::operation_body & body,
+                                   const zlk::uuid & transaction)
+{
+    chord_carrier_request carrier;
+    carrier.key = key;
+    carrier.client_id = client_id;
+    carrier.transaction = transaction;
+    carrier.required_access = required_access;
+    carrier.valid = 1;
+    carrier.operation_class = body.operation_class;
+    carrier.body = body.bytes();
+    carrier.body_pieces = body.pieces;
+    carrier.body_owner = body.owner;
+    return carrier;
+}
+
+} // namespace zlk::chord

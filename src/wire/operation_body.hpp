@@ -17,7 +17,9 @@
 #include <span>
 #include <vector>
 
+#include "base/uuid.hpp"
 #include "wire/marshal.hpp"
+#include "wire/messages.hpp"
 #include "wire/operations.hpp"
 #include "wire/scatter.hpp"
 
@@ -91,3 +93,14 @@ operation_body build_operation_body(operation op, std::size_t fields_bound,
 }
 
 } // namespace zlk::protocol
+
+namespace zlk::chord
+{
+
+// A carrier as a client sends it: `from` unset, valid 1, the body's class and bytes (kept alive by the
+// carrier).
+chord_carrier_request make_carrier(const ring_id & key, std::uint64_t client_id,
+                                   std::uint16_t required_access, const protocol::operation_body & body,
+                                   const zlk::uuid & transaction = {});
+
+} // namespace zlk::chord

@@ -7,11 +7,11 @@
 #include <thread>
 #include <vector>
 
-#include "api/error_categories.hpp"
 #include "api/handle.hpp"
+#include "base/alias_hash.hpp"
+#include "base/error_categories.hpp"
 #include "entries/entry_requests.hpp"
 #include "entries_test_support.hpp"
-#include "ring/alias_hash.hpp"
 
 namespace zlk::entries_test
 {

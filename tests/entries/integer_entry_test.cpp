@@ -9,9 +9,9 @@
 #include <cstring>
 
 #include "api/handle.hpp"
+#include "base/alias_hash.hpp"
 #include "entries/entry_requests.hpp"
 #include "entries_test_support.hpp"
-#include "ring/alias_hash.hpp"
 #include "ring/ring_map.hpp"
 
 namespace zlk::entries_test

@@ -5,8 +5,8 @@
 #include <cerrno>
 #include <numeric>
 
-#include "api/error_categories.hpp"
-#include "api/make_error.hpp"
+#include "base/error_categories.hpp"
+#include "base/make_error.hpp"
 #include "network/broker_service.hpp"
 #include "network/request.hpp"
 #include "network/socket_errors.hpp"

@@ -5,7 +5,7 @@
 #include <string>
 #include <vector>
 
-#include "api/error_categories.hpp"
+#include "base/error_categories.hpp"
 #include "node/entry_store.hpp"
 
 namespace zlk::node

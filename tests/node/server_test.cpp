@@ -4,7 +4,7 @@
 
 #include <thread>
 
-#include "api/error_categories.hpp"
+#include "base/error_categories.hpp"
 #include "node/local_cluster.hpp"
 #include "node_test_support.hpp"
 

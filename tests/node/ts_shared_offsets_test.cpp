@@ -6,7 +6,7 @@
 #include <random>
 #include <vector>
 
-#include "api/error_categories.hpp"
+#include "base/error_categories.hpp"
 #include "node/ts_store.hpp"
 
 namespace zlk::node

@@ -8,7 +8,7 @@
 #include <thread>
 #include <vector>
 
-#include "api/error_categories.hpp"
+#include "base/error_categories.hpp"
 #include "node/ts_store.hpp"
 
 namespace zlk::node

@@ -7,8 +7,8 @@
 
 #include "api/cluster_functions.hpp"
 #include "api/retry_frame.hpp"
+#include "base/alias_hash.hpp"
 #include "cluster_test_support.hpp"
-#include "ring/alias_hash.hpp"
 
 namespace zlk::ring_test
 {
@@ -187,7 +187,7 @@ TEST(routing, a_node_removed_under_the_client_is_recovered_by_the_connection_ret
             }
             return s;
         },
-        api::ring_cluster_steps(), clock);
+        api::default_cluster_steps(), clock);
     EXPECT_EQ(status, zlk_e_ok);
     EXPECT_EQ(bodies, 2);
     EXPECT_EQ(handle.map().ring_size(), 2u);

@@ -3,8 +3,8 @@
 
 #include <atomic>
 
+#include "base/alias_hash.hpp"
 #include "cluster_test_support.hpp"
-#include "ring/alias_hash.hpp"
 #include "scripted_peer.hpp"
 #include "wire/frame.hpp"
 

@@ -8,7 +8,7 @@
 #include <map>
 #include <vector>
 
-#include "api/error_categories.hpp"
+#include "base/error_categories.hpp"
 #include "ring/ring_map.hpp"
 
 namespace zlk::ring_test

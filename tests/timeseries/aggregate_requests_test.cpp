@@ -5,10 +5,10 @@
 #include <bit>
 #include <cstring>
 
+#include "base/alias_hash.hpp"
 #include "node/ts_aggregate_operations.hpp"
-#include "ring/alias_hash.hpp"
 #include "timeseries/aggregate_requests.hpp"
-#include "timeseries/bucket.hpp"
+#include "timeseries/codec/bucket.hpp"
 
 namespace
 {

@@ -8,10 +8,10 @@
 #include <string>
 #include <vector>
 
-#include "api/error_categories.hpp"
+#include "base/error_categories.hpp"
 #include "staging_test_support.hpp"
 #include "timeseries/batch_columns.hpp"
-#include "timeseries/shard_write.hpp"
+#include "timeseries/codec/shard_write.hpp"
 
 namespace zlk::timeseries
 {

@@ -5,8 +5,8 @@
 
 #include <mutex>
 
+#include "base/alias_hash.hpp"
 #include "log/logger.hpp"
-#include "ring/alias_hash.hpp"
 #include "wire/frame.hpp"
 #include "wire/operation_body.hpp"
 #include "wire/replies.hpp"
