@@ -16,6 +16,7 @@
 #include "zlk/node_admin.h"
 #include "zlk/options.h"
 #include "zlk/perf.h"
+#include "zlk/query.h"
 #include "zlk/tag.h"
 #include "zlk/transaction.h"
 #include "zlk/ts.h"

@@ -1,0 +1,77 @@
+/* The query language: FIND over entries, and the record a query hands back.
+ *
+ * A query result is one block owned by the library: release it with zlk_release(handle, result). Its
+ * cells point into that block, blob and string cells included. */
+#ifndef ZLK_QUERY_H
+#define ZLK_QUERY_H
+
+#include <stddef.h>
+#include <stdint.h>
+
+#include "zlk/error.h"
+#include "zlk/types.h"
+
+ZLK_BEGIN_C
+
+/* The type of a cell. */
+typedef int32_t zlk_query_result_value_type_t;
+#define zlk_query_result_none ((zlk_query_result_value_type_t)-1)
+#define zlk_query_result_double ((zlk_query_result_value_type_t)0)
+#define zlk_query_result_blob ((zlk_query_result_value_type_t)1)
+#define zlk_query_result_int64 ((zlk_query_result_value_type_t)2)
+#define zlk_query_result_timestamp ((zlk_query_result_value_type_t)3)
+#define zlk_query_result_count_and_sum ((zlk_query_result_value_type_t)4)
+#define zlk_query_result_string ((zlk_query_result_value_type_t)5)
+
+/* One cell, 24 bytes: the type, then a 16-byte payload at the next 8-byte boundary. A none cell has a
+ * zero payload. The numeric pair (type 4) is the sum of an int64 column in two words: the exact integer
+ * part, then the bits of a double holding what overflowed it. */
+typedef struct
+{
+    zlk_query_result_value_type_t type;
+    union
+    {
+        struct
+        {
+            double value;
+            int64_t unused;
+        } double_;
+        struct
+        {
+            const void * content;
+            size_t content_length;
+        } blob;
+        struct
+        {
+            int64_t value;
+            int64_t unused;
+        } int64_;
+        zlk_timespec_t timestamp;
+        struct
+        {
+            int64_t first;
+            int64_t second;
+        } pair;
+        struct
+        {
+            const char * content;
+            size_t content_length;
+        } string;
+    } payload;
+} zlk_point_result;
+
+typedef struct
+{
+    zlk_string_t * column_names;
+    uint64_t column_count;
+    /* row_count rows of column_count cells each. */
+    zlk_point_result ** rows;
+    uint64_t row_count;
+    uint64_t scanned_point_count;
+    /* What the statement had to say, possibly empty. */
+    zlk_string_t error_message;
+} zlk_query_result;
+
+ZLK_END_C
+
+#endif /* ZLK_QUERY_H */
