@@ -17,7 +17,10 @@ build: deps
 	@scripts/configure.sh $(BUILD) -DCMAKE_BUILD_TYPE=RelWithDebInfo
 	@cmake --build $(BUILD) -j $(JOBS)
 
-run: build
+# Only what the demo runs: the library, zlkd, the tools and the examples.
+run: deps
+	@scripts/configure.sh $(BUILD) -DCMAKE_BUILD_TYPE=RelWithDebInfo
+	@cmake --build $(BUILD) -j $(JOBS) --target demo_programs
 	@scripts/run-demo.sh $(BUILD)
 
 # Plain build, then AddressSanitizer + UndefinedBehaviorSanitizer, then ThreadSanitizer on the
