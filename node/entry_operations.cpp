@@ -212,15 +212,8 @@ public:
         std::string_view alias;
         std::int64_t value = 0;
         expiry_field expiry;
-        error_code ec = ser::read_bytes(c, alias);
-        if (!ec)
-        {
-            ec = ser::read_i64(c, value);
-        }
-        if (!ec)
-        {
-            ec = read_expiry(c, expiry);
-        }
+        error_code ec =
+            ser::read_fields(c, alias, ser::as_fixed(value), ser::with_reader(read_expiry, expiry));
         if (ec)
         {
             reply.error = ec;
@@ -256,11 +249,7 @@ public:
         ser::cursor c = ctx.fields();
         std::int64_t addend = 0;
         expiry_field expiry;
-        error_code ec = ser::read_i64(c, addend);
-        if (!ec)
-        {
-            ec = read_expiry(c, expiry);
-        }
+        error_code ec = ser::read_fields(c, ser::as_fixed(addend), ser::with_reader(read_expiry, expiry));
         if (ec)
         {
             reply.error = ec;
@@ -322,11 +311,7 @@ public:
         ser::cursor c = ctx.fields();
         std::span<const std::uint8_t> comparand;
         std::uint8_t flags = 0;
-        error_code ec = ser::read_bytes(c, comparand);
-        if (!ec)
-        {
-            ec = ser::read_u8(c, flags);
-        }
+        error_code ec = ser::read_fields(c, comparand, flags);
         if (ec)
         {
             reply.error = ec;
@@ -356,15 +341,7 @@ public:
         std::span<const std::uint8_t> replacement;
         std::span<const std::uint8_t> comparand;
         expiry_field expiry;
-        error_code ec = ser::read_bytes(c, replacement);
-        if (!ec)
-        {
-            ec = ser::read_bytes(c, comparand);
-        }
-        if (!ec)
-        {
-            ec = read_expiry(c, expiry);
-        }
+        error_code ec = ser::read_fields(c, replacement, comparand, ser::with_reader(read_expiry, expiry));
         if (ec || (ec = check_size(replacement.size())))
         {
             reply.error = ec;
@@ -396,15 +373,7 @@ public:
         std::span<const std::uint8_t> content;
         std::uint8_t flags = 0;
         expiry_field expiry;
-        error_code ec = ser::read_bytes(c, content);
-        if (!ec)
-        {
-            ec = ser::read_u8(c, flags);
-        }
-        if (!ec)
-        {
-            ec = read_expiry(c, expiry);
-        }
+        error_code ec = ser::read_fields(c, content, flags, ser::with_reader(read_expiry, expiry));
         if (ec || (ec = check_size(content.size())))
         {
             reply.error = ec;
@@ -522,32 +491,14 @@ private:
     static error_code read_all(ser::cursor & c, std::uint64_t & offset, std::uint64_t & length,
                                std::uint8_t & kind) noexcept
     {
-        error_code ec = ser::read_varint(c, offset);
-        if (!ec)
-        {
-            ec = ser::read_varint(c, length);
-        }
-        if (!ec)
-        {
-            ec = ser::read_u8(c, kind);
-        }
-        return ec;
+        return ser::read_fields(c, ser::as_varint(offset), ser::as_varint(length), kind);
     }
 
     static error_code read_alias_content_expiry(ser::cursor & c, std::string_view & alias,
                                                 std::span<const std::uint8_t> & content,
                                                 expiry_field & expiry) noexcept
     {
-        error_code ec = ser::read_bytes(c, alias);
-        if (!ec)
-        {
-            ec = ser::read_bytes(c, content);
-        }
-        if (!ec)
-        {
-            ec = read_expiry(c, expiry);
-        }
-        return ec;
+        return ser::read_fields(c, alias, content, ser::with_reader(read_expiry, expiry));
     }
 
     std::shared_ptr<entry_store> _store;

@@ -189,19 +189,7 @@ public:
         std::uint8_t kind = 0;
         std::uint64_t limit = 0;
         std::uint8_t flag = 0;
-        error_code ec = ser::read_bytes(c, affix);
-        if (!ec)
-        {
-            ec = ser::read_u8(c, kind);
-        }
-        if (!ec)
-        {
-            ec = ser::read_varint(c, limit);
-        }
-        if (!ec)
-        {
-            ec = ser::read_u8(c, flag);
-        }
+        error_code ec = ser::read_fields(c, affix, kind, ser::as_varint(limit), flag);
         if (ec || (ec = check_kind_and_flag(kind, flag)))
         {
             reply.error = ec;
@@ -223,15 +211,7 @@ public:
         ser::cursor c = ctx.fields();
         std::uint8_t type = 0;
         window w;
-        error_code ec = ser::read_u8(c, type);
-        if (!ec)
-        {
-            ec = ser::read_varint(c, w.offset);
-        }
-        if (!ec)
-        {
-            ec = ser::read_varint(c, w.limit);
-        }
+        error_code ec = ser::read_fields(c, type, ser::as_varint(w.offset), ser::as_varint(w.limit));
         if (ec)
         {
             reply.error = ec;
@@ -264,11 +244,7 @@ public:
         std::string_view pattern;
         std::uint64_t limit = 0;
         std::uint8_t kind = 0;
-        error_code ec = ser::read_bytes(c, pattern);
-        if (!ec)
-        {
-            ec = ser::read_varint(c, limit);
-        }
+        error_code ec = ser::read_fields(c, pattern, ser::as_varint(limit));
         if (!ec)
         {
             ec = ser::read_u8(c, kind);

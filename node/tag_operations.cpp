@@ -19,11 +19,7 @@ error_code read_alias_and_type(operation_context & ctx, std::string_view & alias
                                std::uint8_t & type) noexcept
 {
     ser::cursor c = ctx.fields();
-    error_code ec = ser::read_bytes(c, alias);
-    if (!ec)
-    {
-        ec = ser::read_u8(c, type);
-    }
+    error_code ec = ser::read_fields(c, alias, type);
     if (!ec && stored_alias(alias).empty())
     {
         ec = make_error_code(kernel::error::unexpected_value);

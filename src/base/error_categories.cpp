@@ -47,153 +47,83 @@ public:
 namespace
 {
 
+// The tables index texts by value - 1: each list must run 1, 2, 3, ... in order.
+#define ZLK_ERROR_VALUE(value, name, text) value,
+template <std::size_t N>
+constexpr bool consecutive_from_one(const std::array<int, N> & values)
+{
+    for (std::size_t i = 0; i < N; ++i)
+    {
+        if (values[i] != static_cast<int>(i) + 1)
+        {
+            return false;
+        }
+    }
+    return true;
+}
+static_assert(consecutive_from_one(std::array{ZLK_CLIENT_ERRORS(ZLK_ERROR_VALUE)}));
+static_assert(consecutive_from_one(std::array{ZLK_SERIALIZATION_ERRORS(ZLK_ERROR_VALUE)}));
+static_assert(consecutive_from_one(std::array{ZLK_CHORD_ERRORS(ZLK_ERROR_VALUE)}));
+static_assert(consecutive_from_one(std::array{ZLK_NETWORK_ERRORS(ZLK_ERROR_VALUE)}));
+static_assert(consecutive_from_one(std::array{ZLK_PROTOCOL_ERRORS(ZLK_ERROR_VALUE)}));
+static_assert(consecutive_from_one(std::array{ZLK_PERSISTENCE_ERRORS(ZLK_ERROR_VALUE)}));
+static_assert(consecutive_from_one(std::array{ZLK_QUERY_ERRORS(ZLK_ERROR_VALUE)}));
+static_assert(consecutive_from_one(std::array{ZLK_KERNEL_ERRORS(ZLK_ERROR_VALUE)}));
+static_assert(consecutive_from_one(std::array{ZLK_CRYPTO_ERRORS(ZLK_ERROR_VALUE)}));
+#undef ZLK_ERROR_VALUE
+
 constexpr zlk::util::message_table client_messages{
     "zlk client",
-    std::array{
-        "got a future with unexpected status",
-        "unknown client error",
-        "unknown client error",
-    },
+    std::array{ZLK_CLIENT_ERRORS(ZLK_ERROR_TEXT)},
     "unknown client error",
 };
 
 constexpr zlk::util::message_table serialization_messages{
     "zlk serialization",
-    std::array{
-        "unexpected byte during unmarshaling",
-        "unexpected end of input stream during unmarshaling",
-        "unmarshaling produced an inconsistent result",
-        "serialization for this type is unsupported",
-        "the data to (de)serialize is too large",
-    },
+    std::array{ZLK_SERIALIZATION_ERRORS(ZLK_ERROR_TEXT)},
     "unknown serialization error",
 };
 
 constexpr zlk::util::message_table chord_messages{
     "zlk chord",
-    std::array{
-        "ring is unstable - retry later",
-        "a request was sent to the wrong peer",
-        "the ring topology does not match the client's topology",
-        "unexpected reply from the remote node",
-        "internal error",
-        "the requested chord operation is not implemented",
-        "the chord algorithm stopped as it encountered a logic error",
-        "the requested node could not be found",
-        "the chord operation is already in progress",
-        "the chord broadcast requested generated a duplicate",
-        "a duplicate node id has been found on the ring",
-        "the chord operation cannot be performed because it has been disabled",
-        "unknown chord error",
-    },
+    std::array{ZLK_CHORD_ERRORS(ZLK_ERROR_TEXT)},
     "unknown chord error",
 };
 
 constexpr zlk::util::message_table network_messages{
     "zlk network",
-    std::array{
-        "session has been forcefully terminated (time out)",
-        "session has been forcefully reseted (reconnection)",
-        "session gracefully closed by peer",
-        "spurious data detected",
-        "the network data has been corrupted",
-        "the network reply has been deplayed",
-        "the network input buffer is too small to complete the operation",
-        "unknown error",
-    },
+    std::array{ZLK_NETWORK_ERRORS(ZLK_ERROR_TEXT)},
     "unknown error",
 };
 
 // The protocol shares the network's name: both are the transport as far as a caller is concerned.
 constexpr zlk::util::message_table protocol_messages{
     "zlk network",
-    std::array{
-        "invalid protocol version",
-        "the requested operation is not implemented",
-        "the packet header is invalid",
-        "unknown error",
-    },
+    std::array{ZLK_PROTOCOL_ERRORS(ZLK_ERROR_TEXT)},
     "unknown error",
 };
 
 constexpr zlk::util::message_table persistence_messages{
     "zlk persistence",
-    std::array{
-        "the entry was not found on the disk",
-        "persisted data is corrupted",
-        "the operation is not supported",
-        "invalid argument",
-        "I/O error",
-        "the persisted entry expired",
-        "the persistence layer is busy",
-        "the persistence layer timed out",
-        "the I/O operation has been aborted",
-        "incomplete I/O operation",
-        "disk quota exceeded",
-        "the persisted entry already exists",
-        "the volume is too small",
-        "the entry to store is too large",
-        "unknown persistence error",
-    },
+    std::array{ZLK_PERSISTENCE_ERRORS(ZLK_ERROR_TEXT)},
     "unknown persistence error",
 };
 
 constexpr zlk::util::message_table query_messages{
     "zlk query",
-    std::array{
-        "the query is malformed",
-        "the query expression is invalid",
-        "no match found for the provided query",
-        "the regular expression is invalid",
-        "unknown query error",
-    },
+    std::array{ZLK_QUERY_ERRORS(ZLK_ERROR_TEXT)},
     "unknown query error",
 };
 
 constexpr zlk::util::message_table kernel_messages{
     "zlk kernel",
-    std::array{
-        "the entry was not found",
-        "the entry already exists",
-        "the operation has been aborted because it conflicts with another",
-        "the operation is not implemented",
-        "the entry is already evicted",
-        "unexpected value",
-        "internal kernel error",
-        "index out of bounds",
-        "the kernel is currently write protected",
-        "the content does not match",
-        "the prefix is too short",
-        "the entry type is incompatible with this operation",
-        "the container is empty",
-        "the container is full",
-        "the element was not found",
-        "the element already exists",
-        "the operation provokes overflow",
-        "the operation provokes underflow",
-        "the entry is already tagged with the given tag",
-        "the entry is not tagged with the given tag",
-        "the entry is larger than the allowed limit on this node",
-        "the kernel operation cannot be performed because it has been disabled",
-        "unknown or invalid message ID",
-        "a clock skew is preventing the operation from completing successfully",
-        "access to the entry has been denied",
-        "login failed for the user",
-        "the timeseries does not contain this column",
-        "unknown user",
-        "unknown kernel error",
-    },
+    std::array{ZLK_KERNEL_ERRORS(ZLK_ERROR_TEXT)},
     "unknown kernel error",
 };
 
 constexpr zlk::util::message_table crypto_messages{
     "zlk crypto",
-    std::array{
-        "the provided cryptographic key is invalid",
-        "authentication failed",
-        "a secure channel could not be established because security is disabled",
-        "unknown error",
-    },
+    std::array{ZLK_CRYPTO_ERRORS(ZLK_ERROR_TEXT)},
     "unknown error",
 };
 

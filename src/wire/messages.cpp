@@ -322,11 +322,7 @@ error_code read_kind(cursor & c, chord_request_closest_preceding_finger & m) noe
 }
 error_code read_kind(cursor & c, chord_request_new_range & m) noexcept
 {
-    if (error_code ec = unmarshal(c, m.range))
-    {
-        return ec;
-    }
-    return unmarshal(c, m.stamp);
+    return read_fields(c, m.range, m.stamp);
 }
 error_code read_kind(cursor & c, chord_request_node_stop & m)
 {
@@ -401,38 +397,21 @@ void marshal(writer & w, const protocol::result & r)
 
 error_code unmarshal(cursor & c, protocol::result & r)
 {
-    if (error_code ec = unmarshal(c, r.error))
-    {
-        return ec;
-    }
     std::span<const std::uint8_t> content;
-    if (error_code ec = read_bytes(c, content))
+    if (error_code ec = read_fields(c, r.error, content))
     {
         return ec;
     }
     r.content.clear();
     r.content.push_back(content);
-    if (error_code ec = read_u64(c, r.value))
-    {
-        return ec;
-    }
-    if (error_code ec = unmarshal(c, r.stamp))
-    {
-        return ec;
-    }
-    if (error_code ec = read_short_string(c, r.profile_name))
+    constexpr auto short_string = [](cursor & in, std::string_view & v) { return read_short_string(in, v); };
+    if (error_code ec = read_fields(c, as_fixed(r.value), r.stamp, with_reader(short_string, r.profile_name)))
     {
         return ec;
     }
     return read_vector(c, r.profile,
                        [](cursor & in, protocol::profile_entry & e)
-                       {
-                           if (error_code ec = read_u8(in, e.label))
-                           {
-                               return ec;
-                           }
-                           return read_varint(in, e.value);
-                       });
+                       { return read_fields(in, e.label, as_varint(e.value)); });
 }
 
 void marshal(writer & w, const chord::chord_carrier_request & r)
@@ -463,31 +442,8 @@ void marshal(writer & w, const chord::chord_carrier_request & r)
 
 error_code unmarshal(cursor & c, chord::chord_carrier_request & r) noexcept
 {
-    if (error_code ec = unmarshal(c, r.from))
-    {
-        return ec;
-    }
-    if (error_code ec = unmarshal(c, r.key))
-    {
-        return ec;
-    }
-    if (error_code ec = read_varint(c, r.client_id))
-    {
-        return ec;
-    }
-    if (error_code ec = unmarshal(c, r.transaction))
-    {
-        return ec;
-    }
-    if (error_code ec = read_u16(c, r.required_access))
-    {
-        return ec;
-    }
-    if (error_code ec = read_u8(c, r.valid))
-    {
-        return ec;
-    }
-    if (error_code ec = read_varint(c, r.operation_class))
+    if (error_code ec = read_fields(c, r.from, r.key, as_varint(r.client_id), r.transaction,
+                                    r.required_access, r.valid, as_varint(r.operation_class)))
     {
         return ec;
     }
@@ -506,19 +462,7 @@ void marshal(writer & w, const chord::chord_carrier_reply & r)
 
 error_code unmarshal(cursor & c, chord::chord_carrier_reply & r)
 {
-    if (error_code ec = unmarshal(c, r.from))
-    {
-        return ec;
-    }
-    if (error_code ec = unmarshal(c, r.transaction))
-    {
-        return ec;
-    }
-    if (error_code ec = read_varint(c, r.client_id))
-    {
-        return ec;
-    }
-    return unmarshal(c, r.result);
+    return read_fields(c, r.from, r.transaction, as_varint(r.client_id), r.result);
 }
 
 void marshal(writer & w, const protocol::message & m)

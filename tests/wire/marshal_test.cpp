@@ -1,6 +1,7 @@
 #include <gtest/gtest.h>
 
 #include <array>
+#include <bit>
 #include <limits>
 #include <string>
 
@@ -418,6 +419,97 @@ TEST(error_code, socket_library_errors_map_onto_boost_categories_of_the_table)
     EXPECT_EQ(refused.value(), ECONNREFUSED);
     EXPECT_EQ(network::to_error_code(std::make_error_code(std::errc::invalid_argument)),
               boost::system::errc::make_error_code(boost::system::errc::invalid_argument));
+}
+
+// A record of every kind of field, written as its reader expects it.
+struct every_field
+{
+    std::uint8_t u8 = 0;
+    std::uint16_t u16 = 0;
+    std::uint64_t varint = 0;
+    std::uint32_t varint32 = 0;
+    std::int64_t i64 = 0;
+    double dbl = 0;
+    std::string_view bytes;
+    chord::ring_id id{};
+    timespec time{};
+    std::uint64_t custom = 0;
+};
+
+error_code read_doubled(cursor & c, std::uint64_t & out) noexcept
+{
+    std::uint64_t v = 0;
+    const error_code ec = read_varint(c, v);
+    if (!ec)
+    {
+        out = v * 2;
+    }
+    return ec;
+}
+
+error_code read_every_field(cursor & c, every_field & f)
+{
+    return read_fields(c, f.u8, f.u16, as_varint(f.varint), as_varint(f.varint32), as_fixed(f.i64),
+                       as_fixed(f.dbl), f.bytes, f.id, f.time, with_reader(read_doubled, f.custom));
+}
+
+TEST(read_fields, reads_each_kind_of_field_with_its_own_reader)
+{
+    const chord::ring_id id{1, 2, 3, 4};
+    const bytes wire = encode(256,
+                              [&](writer & w)
+                              {
+                                  w.put_u8(7);
+                                  w.put_u16(0x1234);
+                                  w.put_varint(300);
+                                  w.put_varint(70000);
+                                  w.put_u64(static_cast<std::uint64_t>(-5));
+                                  w.put_u64(std::bit_cast<std::uint64_t>(2.5));
+                                  w.put_string("abc");
+                                  marshal(w, id);
+                                  marshal(w, timespec{9, 10});
+                                  w.put_varint(21);
+                              });
+    cursor c(wire.data(), wire.size());
+    every_field f;
+    ASSERT_FALSE(read_every_field(c, f));
+    EXPECT_EQ(c.remaining, 0u);
+    EXPECT_EQ(f.u8, 7);
+    EXPECT_EQ(f.u16, 0x1234);
+    EXPECT_EQ(f.varint, 300u);
+    EXPECT_EQ(f.varint32, 70000u);
+    EXPECT_EQ(f.i64, -5);
+    EXPECT_EQ(f.dbl, 2.5);
+    EXPECT_EQ(f.bytes, "abc");
+    EXPECT_EQ(f.id, id);
+    EXPECT_EQ(f.time, (timespec{9, 10}));
+    EXPECT_EQ(f.custom, 42u);
+
+    // Cut anywhere, the record fails with the end of input of the field that ran short, and the fields
+    // after it are left alone.
+    for (std::size_t cut = 0; cut < wire.size(); ++cut)
+    {
+        cursor short_input(wire.data(), cut);
+        every_field g;
+        g.custom = 99;
+        const error_code ec = read_every_field(short_input, g);
+        EXPECT_EQ(ec, code(error::unexpected_end)) << cut;
+        EXPECT_EQ(g.custom, 99u) << cut;
+    }
+}
+
+TEST(read_fields, the_first_failure_wins_and_nothing_after_it_is_read)
+{
+    // A varint that never ends (ten continued bytes) fails before the u8 that follows could be read.
+    std::vector<std::uint8_t> wire(11, 0x80);
+    wire.push_back(5);
+    cursor c(wire.data(), wire.size());
+    std::uint64_t v = 0;
+    std::uint8_t after = 0;
+    const error_code ec = read_fields(c, as_varint(v), after);
+    EXPECT_TRUE(ec);
+    EXPECT_EQ(after, 0);
+    EXPECT_EQ(c.remaining, wire.size());
 }
 
 } // namespace

@@ -118,19 +118,8 @@ std::size_t fixed_size(kernel::column_type t) noexcept
 
 error_code read_column(ser::cursor & c, column_type_lookup type_of, shard_write_column & out)
 {
-    if (error_code ec = ser::read_varint(c, out.index))
-    {
-        return ec;
-    }
-    if (error_code ec = ser::read_bytes(c, out.name))
-    {
-        return ec;
-    }
-    if (error_code ec = ser::read_varint(c, out.shard_size))
-    {
-        return ec;
-    }
-    if (error_code ec = ser::read_varint(c, out.shard_start))
+    if (error_code ec = ser::read_fields(c, ser::as_varint(out.index), out.name,
+                                         ser::as_varint(out.shard_size), ser::as_varint(out.shard_start)))
     {
         return ec;
     }
@@ -276,11 +265,7 @@ error_code decode_shard_write(ser::cursor & c, std::uint16_t op, table_hook tabl
     out.op = op;
     out.columns.clear();
     out.ranges.clear();
-    if (error_code ec = ser::read_bytes(c, out.table))
-    {
-        return ec;
-    }
-    if (error_code ec = ser::read_bytes(c, out.bucket_key))
+    if (error_code ec = ser::read_fields(c, out.table, out.bucket_key))
     {
         return ec;
     }
@@ -304,11 +289,8 @@ error_code decode_shard_write(ser::cursor & c, std::uint16_t op, table_hook tabl
     out.has_chunk = presence == chunk_present;
     if (out.has_chunk)
     {
-        if (error_code ec = ser::read_varint(c, out.shard_size))
-        {
-            return ec;
-        }
-        if (error_code ec = ser::read_varint(c, out.shard_start))
+        if (error_code ec =
+                ser::read_fields(c, ser::as_varint(out.shard_size), ser::as_varint(out.shard_start)))
         {
             return ec;
         }

@@ -82,11 +82,8 @@ error_code read_descriptions(ser::cursor & c, std::vector<column_description> & 
     return ser::read_vector(c, out,
                             [](ser::cursor & at, column_description & d) -> error_code
                             {
-                                if (error_code ec = read_terminated(at, d.name))
-                                {
-                                    return ec;
-                                }
-                                return read_column_type(at, d.type);
+                                return ser::read_fields(at, ser::with_reader(read_terminated, d.name),
+                                                        ser::with_reader(read_column_type, d.type));
                             });
 }
 
@@ -103,13 +100,9 @@ void put_wire_columns(ser::writer & w, std::span<const wire_column> columns)
 error_code read_wire_columns(ser::cursor & c, std::vector<wire_column> & out)
 {
     return ser::read_vector(c, out,
-                            [](ser::cursor & at, wire_column & col) -> error_code
-                            {
-                                if (error_code ec = ser::read_varint(at, col.index))
-                                {
-                                    return ec;
-                                }
-                                return read_column_type(at, col.type);
+                            [](ser::cursor & at, wire_column & col) -> error_code {
+                                return ser::read_fields(at, ser::as_varint(col.index),
+                                                        ser::with_reader(read_column_type, col.type));
                             });
 }
 
@@ -227,24 +220,14 @@ protocol::operation_body build_insert_columns(std::string_view alias,
 
 error_code decode_create_table(ser::cursor & c, table_columns_fields & out)
 {
-    if (error_code ec = read_terminated(c, out.alias))
-    {
-        return ec;
-    }
-    if (error_code ec = ser::read_varint(c, out.shard_size))
-    {
-        return ec;
-    }
-    return read_descriptions(c, out.columns);
+    return ser::read_fields(c, ser::with_reader(read_terminated, out.alias), ser::as_varint(out.shard_size),
+                            ser::with_reader(read_descriptions, out.columns));
 }
 
 error_code decode_insert_columns(ser::cursor & c, table_columns_fields & out)
 {
-    if (error_code ec = read_terminated(c, out.alias))
-    {
-        return ec;
-    }
-    return read_descriptions(c, out.columns);
+    return ser::read_fields(c, ser::with_reader(read_terminated, out.alias),
+                            ser::with_reader(read_descriptions, out.columns));
 }
 
 // ---- 117 ----
@@ -278,11 +261,7 @@ void encode_table_listing(std::vector<std::uint8_t> & out, std::uint64_t tag, st
 error_code decode_table_listing(std::span<const std::uint8_t> content, table_listing & out)
 {
     ser::cursor c(content);
-    if (error_code ec = ser::read_varint(c, out.tag))
-    {
-        return ec;
-    }
-    if (error_code ec = ser::read_varint(c, out.shard_size))
+    if (error_code ec = ser::read_fields(c, ser::as_varint(out.tag), ser::as_varint(out.shard_size)))
     {
         return ec;
     }
@@ -298,11 +277,8 @@ error_code decode_table_listing(std::span<const std::uint8_t> content, table_lis
                                 {
                                     col.name.remove_suffix(1);
                                 }
-                                if (error_code ec = read_column_type(at, col.type))
-                                {
-                                    return ec;
-                                }
-                                return ser::read_varint(at, col.index);
+                                return ser::read_fields(at, ser::with_reader(read_column_type, col.type),
+                                                        ser::as_varint(col.index));
                             });
 }
 
@@ -331,15 +307,8 @@ void encode_shard_info(std::vector<std::uint8_t> & out, std::uint64_t shard_size
 error_code decode_shard_info_reply(std::span<const std::uint8_t> content, shard_info & out) noexcept
 {
     ser::cursor c(content);
-    if (error_code ec = ser::read_varint(c, out.shard_size))
-    {
-        return ec;
-    }
-    if (error_code ec = read_column_type(c, out.type))
-    {
-        return ec;
-    }
-    return ser::read_varint(c, out.index);
+    return ser::read_fields(c, ser::as_varint(out.shard_size), ser::with_reader(read_column_type, out.type),
+                            ser::as_varint(out.index));
 }
 
 // ---- 132, 200 ----
@@ -356,11 +325,7 @@ protocol::operation_body build_expire_by_size(std::string_view alias, std::uint6
 
 error_code decode_expire_by_size(ser::cursor & c, std::string_view & alias, std::uint64_t & limit) noexcept
 {
-    if (error_code ec = read_terminated(c, alias))
-    {
-        return ec;
-    }
-    return ser::read_varint(c, limit);
+    return ser::read_fields(c, ser::with_reader(read_terminated, alias), ser::as_varint(limit));
 }
 
 // Built by hand: the operation is the nodes' own and has no row in the protocol table.
@@ -433,35 +398,11 @@ protocol::operation_body build_column_insert(kernel::column_type type,
 
 error_code decode_column_insert(ser::cursor & c, kernel::column_type type, decoded_column_insert & out)
 {
-    if (error_code ec = read_terminated(c, out.alias))
-    {
-        return ec;
-    }
-    if (error_code ec = read_terminated(c, out.bucket_key))
-    {
-        return ec;
-    }
-    if (error_code ec = read_terminated(c, out.column))
-    {
-        return ec;
-    }
-    if (error_code ec = ser::read_varint(c, out.index))
-    {
-        return ec;
-    }
-    if (error_code ec = ser::read_varint(c, out.shard_size))
-    {
-        return ec;
-    }
-    if (error_code ec = ser::read_varint(c, out.shard_start))
-    {
-        return ec;
-    }
-    if (error_code ec = read_offsets(c, out.offsets))
-    {
-        return ec;
-    }
-    if (error_code ec = ser::read_varint(c, out.value_count))
+    if (error_code ec = ser::read_fields(
+            c, ser::with_reader(read_terminated, out.alias),
+            ser::with_reader(read_terminated, out.bucket_key), ser::with_reader(read_terminated, out.column),
+            ser::as_varint(out.index), ser::as_varint(out.shard_size), ser::as_varint(out.shard_start),
+            ser::with_reader(read_offsets, out.offsets), ser::as_varint(out.value_count)))
     {
         return ec;
     }
@@ -507,23 +448,9 @@ protocol::operation_body build_erase_ranges(const erase_ranges_fields & f) noexc
 
 error_code decode_erase_ranges(ser::cursor & c, decoded_erase_ranges & out)
 {
-    if (error_code ec = read_terminated(c, out.alias))
-    {
-        return ec;
-    }
-    if (error_code ec = read_terminated(c, out.bucket_key))
-    {
-        return ec;
-    }
-    if (error_code ec = ser::unmarshal(c, out.bucket))
-    {
-        return ec;
-    }
-    if (error_code ec = ser::read_varint(c, out.index))
-    {
-        return ec;
-    }
-    if (error_code ec = ser::unmarshal(c, out.ranges))
+    if (error_code ec = ser::read_fields(c, ser::with_reader(read_terminated, out.alias),
+                                         ser::with_reader(read_terminated, out.bucket_key), out.bucket,
+                                         ser::as_varint(out.index), out.ranges))
     {
         return ec;
     }
@@ -555,19 +482,8 @@ protocol::operation_body build_get_ranges(const get_ranges_fields & f) noexcept
 
 error_code decode_get_ranges(ser::cursor & c, decoded_get_ranges & out)
 {
-    if (error_code ec = ser::unmarshal(c, out.bucket))
-    {
-        return ec;
-    }
-    if (error_code ec = ser::read_varint(c, out.shard_size))
-    {
-        return ec;
-    }
-    if (error_code ec = ser::read_varint(c, out.shard_start))
-    {
-        return ec;
-    }
-    if (error_code ec = ser::unmarshal(c, out.ranges))
+    if (error_code ec = ser::read_fields(c, out.bucket, ser::as_varint(out.shard_size),
+                                         ser::as_varint(out.shard_start), out.ranges))
     {
         return ec;
     }
@@ -575,11 +491,8 @@ error_code decode_get_ranges(ser::cursor & c, decoded_get_ranges & out)
     {
         return ec;
     }
-    if (error_code ec = ser::read_varint(c, out.row_limit))
-    {
-        return ec;
-    }
-    return read_wire_columns(c, out.columns);
+    return ser::read_fields(c, ser::as_varint(out.row_limit),
+                            ser::with_reader(read_wire_columns, out.columns));
 }
 
 void encode_rows_count(std::vector<std::uint8_t> & out, std::size_t column_count)
@@ -624,11 +537,8 @@ error_code decode_rows_reply(std::span<const std::uint8_t> content, std::vector<
     for (std::size_t k = 0; k < count; ++k)
     {
         column_rows col;
-        if (error_code ec = ser::read_varint(c, col.index))
-        {
-            return ec;
-        }
-        if (error_code ec = read_column_type(c, col.type))
+        if (error_code ec =
+                ser::read_fields(c, ser::as_varint(col.index), ser::with_reader(read_column_type, col.type)))
         {
             return ec;
         }
@@ -695,11 +605,7 @@ protocol::operation_body build_get_timestamps(const get_timestamps_fields & f) n
 
 error_code decode_get_timestamps(ser::cursor & c, decoded_get_timestamps & out)
 {
-    if (error_code ec = ser::unmarshal(c, out.bucket))
-    {
-        return ec;
-    }
-    if (error_code ec = ser::read_varint(c, out.shard_start))
+    if (error_code ec = ser::read_fields(c, out.bucket, ser::as_varint(out.shard_start)))
     {
         return ec;
     }
@@ -708,15 +614,8 @@ error_code decode_get_timestamps(ser::cursor & c, decoded_get_timestamps & out)
     {
         return ec;
     }
-    if (error_code ec = ser::unmarshal(c, out.ranges))
-    {
-        return ec;
-    }
-    if (error_code ec = ser::read_varint(c, out.shard_size))
-    {
-        return ec;
-    }
-    return read_wire_columns(c, out.columns);
+    return ser::read_fields(c, out.ranges, ser::as_varint(out.shard_size),
+                            ser::with_reader(read_wire_columns, out.columns));
 }
 
 void encode_offsets(std::vector<std::uint8_t> & out, std::span<const std::int64_t> offsets)
