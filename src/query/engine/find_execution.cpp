@@ -48,6 +48,16 @@ struct typed_set
     }
 };
 
+// Moves member i to slot `to` (to <= i) of a compaction.
+void keep(typed_set & s, std::size_t to, std::size_t i)
+{
+    if (to != i)
+    {
+        s.aliases[to] = std::move(s.aliases[i]);
+        s.types[to] = s.types[i];
+    }
+}
+
 // Keeps the members of `into` that are in `other` (both sorted).
 void intersect(typed_set & into, const typed_set & other)
 {
@@ -61,9 +71,7 @@ void intersect(typed_set & into, const typed_set & other)
         }
         if (j < other.aliases.size() && other.aliases[j] == into.aliases[i])
         {
-            into.aliases[kept] = std::move(into.aliases[i]);
-            into.types[kept] = into.types[i];
-            ++kept;
+            keep(into, kept++, i);
         }
     }
     into.aliases.resize(kept);
@@ -85,9 +93,7 @@ void subtract(typed_set & into, const typed_set & other)
         {
             continue;
         }
-        into.aliases[kept] = std::move(into.aliases[i]);
-        into.types[kept] = into.types[i];
-        ++kept;
+        keep(into, kept++, i);
     }
     into.aliases.resize(kept);
     into.types.resize(kept);
@@ -110,31 +116,27 @@ zlk_error_t run_find(chord::cluster & c, const find_criteria & criteria, std::ui
 {
     // What the request has to read, counted before anything is read.
     std::uint64_t needed = 0;
-    auto add_count = [&](zlk_error_t counted, std::uint64_t n)
-    {
-        needed += n;
-        return counted;
-    };
     for (const auto * list : {&criteria.tags, &criteria.excluded_tags})
     {
         for (const std::string & tag : *list)
         {
             std::uint64_t n = 0;
-            if (const zlk_error_t r = add_count(client::tagged_count(c, tag, n), n); ZLK_FAILURE(r))
+            if (const zlk_error_t r = client::tagged_count(c, tag, n); ZLK_FAILURE(r))
             {
                 return r;
             }
+            needed += n;
         }
     }
     if (criteria.prefix)
     {
         std::uint64_t n = 0;
-        const zlk_error_t r =
-            add_count(client::count_affix(c, *criteria.prefix, client::affix_kind::prefix, n), n);
-        if (ZLK_FAILURE(r))
+        if (const zlk_error_t r = client::count_affix(c, *criteria.prefix, client::affix_kind::prefix, n);
+            ZLK_FAILURE(r))
         {
             return r;
         }
+        needed += n;
     }
     if (needed > max_cardinality)
     {
