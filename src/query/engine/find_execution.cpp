@@ -58,8 +58,8 @@ void keep(typed_set & s, std::size_t to, std::size_t i)
     }
 }
 
-// Keeps the members of `into` that are in `other` (both sorted).
-void intersect(typed_set & into, const typed_set & other)
+// Keeps the members of `into` that are in `other` (want_members) or that aren't (both sorted).
+void filter_by(typed_set & into, const typed_set & other, bool want_members)
 {
     std::size_t kept = 0;
     std::size_t j = 0;
@@ -69,31 +69,11 @@ void intersect(typed_set & into, const typed_set & other)
         {
             ++j;
         }
-        if (j < other.aliases.size() && other.aliases[j] == into.aliases[i])
+        const bool member = j < other.aliases.size() && other.aliases[j] == into.aliases[i];
+        if (member == want_members)
         {
             keep(into, kept++, i);
         }
-    }
-    into.aliases.resize(kept);
-    into.types.resize(kept);
-}
-
-// Removes the members of `into` that are in `other` (both sorted).
-void subtract(typed_set & into, const typed_set & other)
-{
-    std::size_t kept = 0;
-    std::size_t j = 0;
-    for (std::size_t i = 0; i < into.aliases.size(); ++i)
-    {
-        while (j < other.aliases.size() && other.aliases[j] < into.aliases[i])
-        {
-            ++j;
-        }
-        if (j < other.aliases.size() && other.aliases[j] == into.aliases[i])
-        {
-            continue;
-        }
-        keep(into, kept++, i);
     }
     into.aliases.resize(kept);
     into.types.resize(kept);
@@ -175,7 +155,7 @@ zlk_error_t run_find(chord::cluster & c, const find_criteria & criteria, std::ui
     typed_set result = std::move(accepted.front());
     for (std::size_t i = 1; i < accepted.size() && !result.aliases.empty(); ++i)
     {
-        intersect(result, accepted[i]);
+        filter_by(result, accepted[i], true);
     }
     for (const std::string & tag : criteria.excluded_tags)
     {
@@ -188,7 +168,7 @@ zlk_error_t run_find(chord::cluster & c, const find_criteria & criteria, std::ui
         {
             return r;
         }
-        subtract(result, excluded);
+        filter_by(result, excluded, false);
     }
 
     aliases.clear();
