@@ -72,6 +72,16 @@ typedef struct
     zlk_string_t error_message;
 } zlk_query_result;
 
+/* Entries by tags, a prefix and a type, for instance
+ *     FIND(TAG='sensors' AND NOT TAG='retired' AND PREFIX='eu.' AND TYPE=TS)
+ * TYPE is one of BLOB, INTEGER, HSET, TAG, STREAM, DEQUE or TS. The request needs an accepted tag or a
+ * prefix, and at most one prefix. The aliases come back sorted by their bytes, as one list owned by the
+ * library: release it with zlk_release(handle, aliases). A request that would read more aliases than the
+ * handle's maximum cardinality fails with zlk_e_invalid_query before it reads them; every refused text
+ * fails with zlk_e_invalid_query and says why in the last error. */
+ZLK_API zlk_error_t zlk_query_find(zlk_handle_t handle, const char * query, const char *** aliases,
+                                   size_t * alias_count) ZLK_NOEXCEPT;
+
 ZLK_END_C
 
 #endif /* ZLK_QUERY_H */

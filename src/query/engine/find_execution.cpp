@@ -91,6 +91,36 @@ zlk_error_t read_tag(chord::cluster & c, const std::string & tag, typed_set & ou
 
 } // namespace
 
+std::optional<find_criteria> criteria_of(const find_request & request)
+{
+    find_criteria c;
+    for (const auto & item : request.items)
+    {
+        if (const auto * t = std::get_if<find_request::tag>(&item))
+        {
+            c.tags.push_back(t->name);
+        }
+        else if (const auto * n = std::get_if<find_request::negation<find_request::tag>>(&item))
+        {
+            c.excluded_tags.push_back(n->value.name);
+        }
+        else if (const auto * p = std::get_if<find_request::prefix>(&item))
+        {
+            c.prefix = p->value;
+        }
+        else
+        {
+            const std::uint8_t type = std::get<find_request::entry_type>(item).kernel_type;
+            if (c.kernel_type && *c.kernel_type != type)
+            {
+                return std::nullopt;
+            }
+            c.kernel_type = type;
+        }
+    }
+    return c;
+}
+
 zlk_error_t run_find(chord::cluster & c, const find_criteria & criteria, std::uint64_t max_cardinality,
                      std::vector<std::string> & aliases, std::string & message)
 {

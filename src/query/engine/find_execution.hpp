@@ -7,6 +7,7 @@
 #include <string>
 #include <vector>
 
+#include "query/grammar/statements.hpp"
 #include "ring/cluster.hpp"
 #include "zlk/error.h"
 
@@ -22,6 +23,10 @@ struct find_criteria
     // The node's type of the entries wanted (kernel::entry_type); any type when absent.
     std::optional<std::uint8_t> kernel_type;
 };
+
+// The criteria of a parsed FIND (checked by check_find); empty when two TYPE items differ, since no
+// entry has two types.
+std::optional<find_criteria> criteria_of(const find_request & request);
 
 // Counts what the request must read first (each tag's links and the prefix's matches): beyond
 // max_cardinality it stops with zlk_e_invalid_query and the cardinality message in `message`, having

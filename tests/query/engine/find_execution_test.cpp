@@ -95,4 +95,50 @@ TEST_F(find_fixture, the_cardinality_limit_counts_what_must_be_read_before_readi
     EXPECT_EQ(out, list{"blob.b"});
 }
 
+// The C entry: text in, a tracked list out, and every refusal with its code and last error.
+TEST_F(find_fixture, query_find_runs_the_text_end_to_end)
+{
+    auto query_find = [this](const char * text, zlk_error_t want)
+    {
+        const char ** aliases = nullptr;
+        size_t count = 7;
+        EXPECT_EQ(zlk_query_find(h, text, &aliases, &count), want) << (text ? text : "null");
+        list out(aliases, aliases + count);
+        if (aliases)
+        {
+            zlk_release(h, aliases);
+        }
+        return out;
+    };
+    auto last_error = [this]
+    {
+        zlk_error_t e = zlk_e_ok;
+        zlk_string_t m{};
+        EXPECT_EQ(zlk_get_last_error(h, &e, &m), zlk_e_ok);
+        return std::string(m.data ? m.data : "", m.length);
+    };
+
+    EXPECT_EQ(query_find("FIND(TAG='red' AND NOT TAG='big')", zlk_e_ok), list{"blob.b"});
+    EXPECT_EQ(query_find("find(tag='big' and type=integer);", zlk_e_ok), list{"int.c"});
+    EXPECT_EQ(query_find("FIND(PREFIX='blob.' AND TAG='big')", zlk_e_ok), list{"blob.a"});
+    EXPECT_EQ(query_find("FIND(TAG='red' AND TYPE=BLOB AND TYPE=INTEGER)", zlk_e_ok), list{});
+    EXPECT_EQ(query_find("FIND(TAG='nobody')", zlk_e_ok), list{});
+
+    EXPECT_EQ(query_find("FIND(PREFIX='x' AND PREFIX='y')", zlk_e_invalid_query), list{});
+    EXPECT_EQ(last_error(), "at zlk_query_find: FIND request does not supports multiple prefixes.");
+    EXPECT_EQ(query_find("FIND(NOT TAG='red')", zlk_e_invalid_query), list{});
+    EXPECT_EQ(last_error(),
+              "at zlk_query_find: FIND requests must give an accepted tag or an accepted prefix.");
+    query_find("FIND(TAG=red)", zlk_e_invalid_query);
+    EXPECT_EQ(last_error(),
+              "at zlk_query_find: At line 1: expected quoted_tag_name.\nFIND(TAG=red)\n         ^");
+    query_find("", zlk_e_invalid_query);
+    query_find(nullptr, zlk_e_invalid_argument);
+    query_find(std::string(100001, ' ').c_str(), zlk_e_alias_too_long);
+
+    const char ** aliases = nullptr;
+    EXPECT_EQ(zlk_query_find(h, "FIND(TAG='red')", &aliases, nullptr), zlk_e_invalid_argument);
+    EXPECT_EQ(zlk_query_find(nullptr, "FIND(TAG='red')", &aliases, nullptr), zlk_e_invalid_handle);
+}
+
 } // namespace
