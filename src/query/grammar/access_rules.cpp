@@ -35,6 +35,18 @@ struct privilege_words : qi::symbols<char, privilege>
     }
 };
 
+// GRANT and REVOKE: privileges, entries, grantees.
+template <typename Record>
+auto access()
+{
+    return [](auto & parts, auto & ctx, bool &)
+    {
+        using boost::fusion::at_c;
+        value_of(ctx) =
+            Record{std::move(at_c<0>(parts)), std::move(at_c<1>(parts)), std::move(at_c<2>(parts))};
+    };
+}
+
 entry_types entry_type_words;
 privilege_words privilege_table;
 
@@ -89,21 +101,11 @@ void define_access(rules & r)
     r.revoke_from = r.kw.from;
     r.revoke_from.name("FROM or ','");
 
-    r.grant = (r.kw.grant > r.privileges > r.grant_on > r.entry_list > r.grant_to > r.grantees)[(
-        [](auto & parts, auto & ctx, bool &)
-        {
-            using boost::fusion::at_c;
-            value_of(ctx) = ast::parsed_grant{std::move(at_c<0>(parts)), std::move(at_c<1>(parts)),
-                                              std::move(at_c<2>(parts))};
-        })];
+    r.grant = (r.kw.grant > r.privileges > r.grant_on > r.entry_list > r.grant_to >
+               r.grantees)[access<ast::parsed_grant>()];
     r.grant.name("grant");
-    r.revoke = (r.kw.revoke > r.privileges > r.grant_on > r.entry_list > r.revoke_from > r.grantees)[(
-        [](auto & parts, auto & ctx, bool &)
-        {
-            using boost::fusion::at_c;
-            value_of(ctx) = ast::parsed_revoke{std::move(at_c<0>(parts)), std::move(at_c<1>(parts)),
-                                               std::move(at_c<2>(parts))};
-        })];
+    r.revoke = (r.kw.revoke > r.privileges > r.grant_on > r.entry_list > r.revoke_from >
+                r.grantees)[access<ast::parsed_revoke>()];
     r.revoke.name("revoke");
 
     // SHOW's second word decides; SHOW DISK_USAGE takes ON as a third.

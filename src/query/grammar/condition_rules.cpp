@@ -112,29 +112,8 @@ void define_conditions(rules & r)
         r.quoted_string[([](std::string & s, auto & ctx, bool &) { value_of(ctx) = std::move(s); })];
     r.c_literal.name("literal");
 
-    auto call = [](auto & parts, auto & ctx, bool &)
-    {
-        using boost::fusion::at_c;
-        value_of(ctx) = unary_sub_conditional_expression_operation<aggregation_op>{
-            aggregation_op{at_c<0>(parts), std::nullopt}, box<sub_conditional>(std::move(at_c<1>(parts)))};
-    };
-    auto moving_call = [](auto & parts, auto & ctx, bool &)
-    {
-        using boost::fusion::at_c;
-        value_of(ctx) = unary_sub_conditional_expression_operation<aggregation_op>{
-            aggregation_op{at_c<0>(parts), at_c<2>(parts)}, box<sub_conditional>(std::move(at_c<1>(parts)))};
-    };
-    r.c_function_call =
-        (qi::no_case[qi::lit("count")] >> '(' >> '*' >> ')')[(
-            [](auto &, auto & ctx, bool &)
-            {
-                value_of(ctx) = unary_sub_conditional_expression_operation<aggregation_op>{
-                    aggregation_op{aggregation_type::count, std::nullopt},
-                    box<sub_conditional>(identifier{"", "*", false})};
-            })] |
-        (qi::no_case[r.moving_functions] >> '(' > r.c_operand > ',' > r.uinteger > ')')[moving_call] |
-        (qi::no_case[r.plain_functions] >> '(' > r.c_operand > ')')[call];
-    r.c_function_call.name("function(column_name)");
+    define_function_call<sub_conditional, unary_sub_conditional_expression_operation<aggregation_op>>(
+        r, r.c_function_call, r.c_operand);
 
     // A condition in parentheses that is only an operand stays an operand: `(a + b) * 2`.
     r.c_primary = r.c_function_call[assign()] |

@@ -43,31 +43,8 @@ void define_expressions(rules & r)
 {
     fill_function_names(r);
 
-    // count(*), a moving function with its window, a plain function. The name backtracks until "(" so
-    // that `first_seen` or `max` without a call are names.
-    auto call = [](auto & parts, auto & ctx, bool &)
-    {
-        using boost::fusion::at_c;
-        value_of(ctx) = unary_expression_operation<aggregation_op>{
-            aggregation_op{at_c<0>(parts), std::nullopt}, box<expression>(std::move(at_c<1>(parts)))};
-    };
-    auto moving_call = [](auto & parts, auto & ctx, bool &)
-    {
-        using boost::fusion::at_c;
-        value_of(ctx) = unary_expression_operation<aggregation_op>{
-            aggregation_op{at_c<0>(parts), at_c<2>(parts)}, box<expression>(std::move(at_c<1>(parts)))};
-    };
-    r.function_call =
-        (qi::no_case[qi::lit("count")] >> '(' >> '*' >> ')')[(
-            [](auto &, auto & ctx, bool &)
-            {
-                value_of(ctx) = unary_expression_operation<aggregation_op>{
-                    aggregation_op{aggregation_type::count, std::nullopt},
-                    box<expression>(identifier{"", "*", false})};
-            })] |
-        (qi::no_case[r.moving_functions] >> '(' > r.expression_ > ',' > r.uinteger > ')')[moving_call] |
-        (qi::no_case[r.plain_functions] >> '(' > r.expression_ > ')')[call];
-    r.function_call.name("function(column_name)");
+    define_function_call<expression, unary_expression_operation<aggregation_op>>(r, r.function_call,
+                                                                                 r.expression_);
 
     r.primary = r.function_call[assign()] | ('(' >> r.expression_ > ')')[assign()] | r.real[assign()] |
                 r.uinteger[assign()] | r.identifier_[assign()];

@@ -221,6 +221,34 @@ void define_select(rules & r);
 void define_tables(rules & r);
 void define_access(rules & r);
 
+// count(*), a moving function with its window, a plain function, over operands of either expression
+// level. The name backtracks until "(" so that `first_seen` or `max` without a call are names.
+template <typename Node, typename Call>
+void define_function_call(rules & r, rule<Node> & call, rule<Node> & operand)
+{
+    auto make = [](aggregation_type f, std::optional<std::uint64_t> window, Node operand) {
+        return Call{aggregation_op{f, window}, box<Node>(std::move(operand))};
+    };
+    call =
+        (qi::no_case[qi::lit("count")] >> '(' >> '*' >> ')')[(
+            [make](auto &, auto & ctx, bool &) {
+                value_of(ctx) = make(aggregation_type::count, std::nullopt, Node(identifier{"", "*", false}));
+            })] |
+        (qi::no_case[r.moving_functions] >> '(' > operand > ',' > r.uinteger > ')')[(
+            [make](auto & parts, auto & ctx, bool &)
+            {
+                using boost::fusion::at_c;
+                value_of(ctx) = make(at_c<0>(parts), at_c<2>(parts), std::move(at_c<1>(parts)));
+            })] |
+        (qi::no_case[r.plain_functions] >> '(' > operand > ')')[(
+            [make](auto & parts, auto & ctx, bool &)
+            {
+                using boost::fusion::at_c;
+                value_of(ctx) = make(at_c<0>(parts), std::nullopt, std::move(at_c<1>(parts)));
+            })];
+    call.name("function(column_name)");
+}
+
 // The rules of the calling thread, built at its first query.
 rules & thread_rules();
 
