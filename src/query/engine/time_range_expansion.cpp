@@ -52,10 +52,10 @@ timespec from_ns(__int128 ns) noexcept
 }
 
 // The allowed parts of one day, as nanoseconds since its midnight.
-std::vector<std::pair<std::int64_t, std::int64_t>> day_parts(const time_ranges_spec & spec)
+std::vector<std::pair<std::int64_t, std::int64_t>> day_parts(const time_ranges_spec & clauses)
 {
     std::vector<std::pair<std::int64_t, std::int64_t>> parts;
-    if (spec.times.empty())
+    if (clauses.times.empty())
     {
         parts.emplace_back(0, ns_per_day);
         return parts;
@@ -63,7 +63,7 @@ std::vector<std::pair<std::int64_t, std::int64_t>> day_parts(const time_ranges_s
     auto ns_of = [](const time::duration & d) {
         return std::clamp<std::int64_t>(d.seconds * ns_per_second + d.nanoseconds, 0, ns_per_day);
     };
-    for (const auto & [first, second] : spec.times)
+    for (const auto & [first, second] : clauses.times)
     {
         const std::int64_t b = ns_of(first);
         const std::int64_t e = ns_of(second);
@@ -103,15 +103,15 @@ std::vector<time::interval> merged(std::vector<std::pair<__int128, __int128>> pa
 
 } // namespace
 
-std::vector<time::interval> expand_time_ranges(const time_ranges_spec & spec)
+std::vector<time::interval> expand_time_ranges(const time_ranges_spec & clauses)
 {
-    if (spec.times.empty() && spec.days.empty() && spec.months.empty())
+    if (clauses.times.empty() && clauses.days.empty() && clauses.months.empty())
     {
-        return spec.ranges;
+        return clauses.ranges;
     }
-    const auto parts = day_parts(spec);
+    const auto parts = day_parts(clauses);
     std::vector<std::pair<__int128, __int128>> pieces;
-    for (const time::interval & base : spec.ranges)
+    for (const time::interval & base : clauses.ranges)
     {
         const __int128 begin = to_ns(base.begin);
         const __int128 end = to_ns(base.end);
@@ -126,7 +126,7 @@ std::vector<time::interval> expand_time_ranges(const time_ranges_spec & spec)
             const date::year_month_day ymd{date::sys_days{date::days{day}}};
             const auto weekday = static_cast<std::uint8_t>(date::weekday{date::sys_days{date::days{day}}}.c_encoding());
             const auto month = static_cast<std::uint8_t>(static_cast<unsigned>(ymd.month()));
-            if (!allowed(spec.days, weekday) || !allowed(spec.months, month))
+            if (!allowed(clauses.days, weekday) || !allowed(clauses.months, month))
             {
                 continue;
             }

@@ -11,6 +11,6 @@ namespace zlk::query
 
 // Without clauses the base ranges come back as they are. A clause's range is half-open; one whose begin
 // lies after its end wraps around the day, week or year. Parts that touch are merged.
-std::vector<time::interval> expand_time_ranges(const time_ranges_spec & spec);
+std::vector<time::interval> expand_time_ranges(const time_ranges_spec & clauses);
 
 } // namespace zlk::query

@@ -331,7 +331,7 @@ void define_time(rules & r)
                       r.months_range[append_to(&time_ranges_spec::months)];
     r.months_ranges.name("months range");
 
-    // The base list, then the restrictions in their order. A clause adds to the spec it is given.
+    // The base list, then the restrictions in their order. A clause adds to the record it is given.
     auto merge = [](time_ranges_spec & part, auto & ctx, bool &)
     {
         time_ranges_spec & out = value_of(ctx);

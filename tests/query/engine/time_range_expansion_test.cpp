@@ -29,7 +29,7 @@ std::pair<zlk::time::duration, zlk::time::duration> clock(std::int64_t b, std::i
 struct expansion_case
 {
     const char * what;
-    time_ranges_spec spec;
+    time_ranges_spec ranges;
     std::vector<interval> expected;
 };
 
@@ -67,7 +67,7 @@ TEST(time_range_expansion, clauses_cut_the_base_ranges)
     };
     for (const expansion_case & c : cases)
     {
-        EXPECT_EQ(expand_time_ranges(c.spec), c.expected) << c.what;
+        EXPECT_EQ(expand_time_ranges(c.ranges), c.expected) << c.what;
     }
 }
 
