@@ -82,8 +82,8 @@ void define_access(rules & r)
     r.find_open.name("(find_expression AND ...)");
     r.find_close = qi::lit(')');
     r.find_close.name("AND or ')'");
-    r.find = (r.kw.find > r.find_open > r.find_expression[append_to(&find_request::items)]) >>
-             *(r.kw.and_ > r.find_expression[append_to(&find_request::items)]) > r.find_close;
+    r.find = ((r.kw.find > r.find_open > r.find_expression[append_to(&find_request::items)]) >>
+              *(r.kw.and_ > r.find_expression[append_to(&find_request::items)])) > r.find_close;
     r.find.name("FIND(...)");
 
     r.privilege_ = (qi::no_case[privilege_table] >> word_end)[assign()];
@@ -128,9 +128,9 @@ void define_access(rules & r)
         "ALTER TABLE, CREATE TABLE, DELETE, DROP TABLE, INSERT INTO, SELECT, SHOW GRANTS ON, SHOW "
         "TABLES, SHOW DISK_USAGE, GRANT or REVOKE");
 
-    r.query = r.statement[assign()] >> -qi::lit(';') > r.end_of_input;
+    r.query = (r.statement[assign()] >> -qi::lit(';')) > r.end_of_input;
     r.query.name("query");
-    r.find_query = r.find[assign()] >> -qi::lit(';') > r.end_of_input;
+    r.find_query = (r.find[assign()] >> -qi::lit(';')) > r.end_of_input;
     r.find_query.name("find");
 }
 

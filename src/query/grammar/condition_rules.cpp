@@ -68,11 +68,11 @@ void define_conditions(rules & r)
     r.regex_operators.add("~", re_match)("~*", re_insensitive_match)("!~", re_no_match)(
         "!~*", re_no_insensitive_match);
 
-    r.datetime_literal = qi::no_case[qi::lit("datetime")] >> '(' > r.time_point[assign()] > ')';
+    r.datetime_literal = (qi::no_case[qi::lit("datetime")] >> '(') > r.time_point[assign()] > ')';
     r.datetime_literal.name("datetime(absolute_time)");
 
     r.geohash_literal =
-        (qi::no_case[qi::lit("geohash64")] >> '(' > r.signed_real > ',' > r.signed_real > ')')[(
+        ((qi::no_case[qi::lit("geohash64")] >> '(') > r.signed_real > ',' > r.signed_real > ')')[(
             [](auto & parts, auto & ctx, bool & pass)
             {
                 const auto h = geohash64(boost::fusion::at_c<0>(parts), boost::fusion::at_c<1>(parts));
@@ -117,7 +117,7 @@ void define_conditions(rules & r)
 
     // A condition in parentheses that is only an operand stays an operand: `(a + b) * 2`.
     r.c_primary = r.c_function_call[assign()] |
-                  ('(' >> r.condition > ')')[(
+                  (('(' >> r.condition) > ')')[(
                       [](conditional_expression & c, auto & ctx, bool &)
                       {
                           if (auto * sub = std::get_if<sub_conditional>(&c))

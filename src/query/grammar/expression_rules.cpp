@@ -46,7 +46,7 @@ void define_expressions(rules & r)
     define_function_call<expression, unary_expression_operation<aggregation_op>>(r, r.function_call,
                                                                                  r.expression_);
 
-    r.primary = r.function_call[assign()] | ('(' >> r.expression_ > ')')[assign()] | r.real[assign()] |
+    r.primary = r.function_call[assign()] | (('(' >> r.expression_) > ')')[assign()] | r.real[assign()] |
                 r.uinteger[assign()] | r.identifier_[assign()];
     r.primary.name("expression");
 
@@ -79,7 +79,7 @@ void define_expressions(rules & r)
     r.expression_ = r.bit_level[assign()];
     r.expression_.name("expression");
 
-    r.lookup = (r.kw.lookup >> '(' > (r.quoted_string | r.raw_identifier) > ',' > r.expression_ > ')')[(
+    r.lookup = ((r.kw.lookup >> '(') > (r.quoted_string | r.raw_identifier) > ',' > r.expression_ > ')')[(
         [](auto & parts, auto & ctx, bool &)
         {
             client_function & f = value_of(ctx);

@@ -234,13 +234,13 @@ void define_function_call(rules & r, rule<Node> & call, rule<Node> & operand)
             [make](auto &, auto & ctx, bool &) {
                 value_of(ctx) = make(aggregation_type::count, std::nullopt, Node(identifier{"", "*", false}));
             })] |
-        (qi::no_case[r.moving_functions] >> '(' > operand > ',' > r.uinteger > ')')[(
+        ((qi::no_case[r.moving_functions] >> '(') > operand > ',' > r.uinteger > ')')[(
             [make](auto & parts, auto & ctx, bool &)
             {
                 using boost::fusion::at_c;
                 value_of(ctx) = make(at_c<0>(parts), at_c<2>(parts), std::move(at_c<1>(parts)));
             })] |
-        (qi::no_case[r.plain_functions] >> '(' > operand > ')')[(
+        ((qi::no_case[r.plain_functions] >> '(') > operand > ')')[(
             [make](auto & parts, auto & ctx, bool &)
             {
                 using boost::fusion::at_c;

@@ -44,9 +44,9 @@ void define_select(rules & r)
     r.from_list.name("table_name or FIND(...), ... [(LEFT or RIGHT or OUTER) ASOF JOIN table_name]");
 
     // [LEFT | RIGHT | OUTER] ASOF JOIN table; a bare ASOF JOIN keeps every row of the left table.
-    r.join_clause = -(qi::no_case[join_words] >>
+    r.join_clause = (-(qi::no_case[join_words] >>
                       word_end)[([](join_type t, auto & ctx, bool &) { value_of(ctx).type = t; })] >>
-                    r.kw.asof >> r.kw.join > r.table_name[(
+                    r.kw.asof >> r.kw.join) > r.table_name[(
                                                  [](std::string & name, auto & ctx, bool &)
                                                  {
                                                      joined_table & j = value_of(ctx);
@@ -75,9 +75,9 @@ void define_select(rules & r)
                  -r.join_clause[assign_to(&parsed_select::join)] >>
                  -(r.kw.in > r.time_ranges[assign_to(&parsed_select::time_ranges)]) >>
                  -(r.kw.where > r.where_condition[assign_to(&parsed_select::where)]) >>
-                 -(r.kw.group >> r.kw.by > r.group_by[assign_to(&parsed_select::group_by)]) >>
+                 -((r.kw.group >> r.kw.by) > r.group_by[assign_to(&parsed_select::group_by)]) >>
                  -(r.kw.having > r.where_condition[assign_to(&parsed_select::having)]) >>
-                 -(r.kw.order >> r.kw.by > r.order_by[assign_to(&parsed_select::order_by)])) >>
+                 -((r.kw.order >> r.kw.by) > r.order_by[assign_to(&parsed_select::order_by)])) >>
                -(r.kw.limit > r.max_rows_count[assign_to(&parsed_select::limit)]) >>
                -(r.kw.offset > r.skipped_rows_count[assign_to(&parsed_select::offset)]);
     r.select.name("select");

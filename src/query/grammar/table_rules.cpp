@@ -43,7 +43,7 @@ void define_tables(rules & r)
 
     r.columns_close = qi::lit(')');
     r.columns_close.name("',' or ')'");
-    r.create_columns = '(' >> (r.column_definition[append()] % ',') > r.columns_close;
+    r.create_columns = ('(' >> (r.column_definition[append()] % ',')) > r.columns_close;
     r.create_columns.name("(column_name column_type, ...)");
     r.shard_size = r.duration[assign()];
     r.shard_size.name("shard_size (with duration unit)");
@@ -70,7 +70,7 @@ void define_tables(rules & r)
     r.column_renamings.name("column_name TO new_column_name");
     r.alter_action =
         (r.kw.add > r.column_definitions[assign_to(&parsed_alter_table::adds)]) |
-        (r.kw.rename >> r.kw.column > r.column_renamings[assign_to(&parsed_alter_table::renames)]);
+        ((r.kw.rename >> r.kw.column) > r.column_renamings[assign_to(&parsed_alter_table::renames)]);
     r.alter_action.name("ADD or RENAME");
     r.alter_table = r.kw.alter > r.kw.table > r.table_name[assign_to(&parsed_alter_table::table)] >
                     r.alter_action[(

@@ -341,9 +341,9 @@ void define_time(rules & r)
     };
     r.time_ranges = (r.multi_ranges[assign_to(&time_ranges_spec::ranges)] |
                      r.time_range[append_to(&time_ranges_spec::ranges)]) >>
-                    -(r.kw.with >> r.kw.time >> r.kw.in > r.hours_ranges[merge]) >>
-                    -(r.kw.with >> r.kw.days >> r.kw.in > r.days_ranges[merge]) >>
-                    -(r.kw.with >> r.kw.months >> r.kw.in > r.months_ranges[merge]);
+                    -((r.kw.with >> r.kw.time >> r.kw.in) > r.hours_ranges[merge]) >>
+                    -((r.kw.with >> r.kw.days >> r.kw.in) > r.days_ranges[merge]) >>
+                    -((r.kw.with >> r.kw.months >> r.kw.in) > r.months_ranges[merge]);
     r.time_ranges.name("[RANGE(begin, end or +/-offset), ...]");
 }
 

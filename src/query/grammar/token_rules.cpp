@@ -1,6 +1,8 @@
 // Keywords, names, quoted strings and numbers.
-// Boost's real number parser trips a false maybe-uninitialized warning once inlined here.
+// Boost's real number parser trips a false maybe-uninitialized warning of g++ once inlined here.
+#if defined(__GNUC__) && !defined(__clang__)
 #pragma GCC diagnostic ignored "-Wmaybe-uninitialized"
+#endif
 #include <cmath>
 
 #include "query/grammar/grammar_rules.hpp"
