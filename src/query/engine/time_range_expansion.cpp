@@ -60,9 +60,8 @@ std::vector<std::pair<std::int64_t, std::int64_t>> day_parts(const time_ranges_s
         parts.emplace_back(0, ns_per_day);
         return parts;
     }
-    auto ns_of = [](const time::duration & d) {
-        return std::clamp<std::int64_t>(d.seconds * ns_per_second + d.nanoseconds, 0, ns_per_day);
-    };
+    auto ns_of = [](const time::duration & d)
+    { return std::clamp<std::int64_t>(d.seconds * ns_per_second + d.nanoseconds, 0, ns_per_day); };
     for (const auto & [first, second] : clauses.times)
     {
         const std::int64_t b = ns_of(first);
@@ -124,7 +123,8 @@ std::vector<time::interval> expand_time_ranges(const time_ranges_spec & clauses)
         for (std::int64_t day = first_day; day <= last_day; ++day)
         {
             const date::year_month_day ymd{date::sys_days{date::days{day}}};
-            const auto weekday = static_cast<std::uint8_t>(date::weekday{date::sys_days{date::days{day}}}.c_encoding());
+            const auto weekday =
+                static_cast<std::uint8_t>(date::weekday{date::sys_days{date::days{day}}}.c_encoding());
             const auto month = static_cast<std::uint8_t>(static_cast<unsigned>(ymd.month()));
             if (!allowed(clauses.days, weekday) || !allowed(clauses.months, month))
             {

@@ -36,7 +36,8 @@ struct expansion_case
 TEST(time_range_expansion, clauses_cut_the_base_ranges)
 {
     const std::vector<expansion_case> cases = {
-        {"no clause: the base as it is", {{at(jan1 + day, jan1 + 2 * day), at(jan1, jan1 + hour)}, {}, {}, {}},
+        {"no clause: the base as it is",
+         {{at(jan1 + day, jan1 + 2 * day), at(jan1, jan1 + hour)}, {}, {}, {}},
          {at(jan1 + day, jan1 + 2 * day), at(jan1, jan1 + hour)}},
         {"office hours over three days",
          {{at(jan1, jan1 + 3 * day)}, {clock(9 * hour, 17 * hour)}, {}, {}},
@@ -54,12 +55,15 @@ TEST(time_range_expansion, clauses_cut_the_base_ranges)
          {at(jan1 + day, jan1 + 3 * day)}},
         {"weekend mornings",
          {{at(jan1, jan1 + 7 * day)}, {clock(8 * hour, 12 * hour)}, {{6, 1}}, {}},
-         {at(jan1 + day + 8 * hour, jan1 + day + 12 * hour), at(jan1 + 2 * day + 8 * hour, jan1 + 2 * day + 12 * hour)}},
+         {at(jan1 + day + 8 * hour, jan1 + day + 12 * hour),
+          at(jan1 + 2 * day + 8 * hour, jan1 + 2 * day + 12 * hour)}},
         {"winter wraps over the new year",
          {{at(1605398400 /* 2020-11-15 */, 1615334400 /* 2021-03-10 */)}, {}, {}, {{12, 3}}},
          {at(1606780800 /* 2020-12-01 */, 1614556800 /* 2021-03-01 */)}},
         {"a clause that excludes everything", {{at(jan1, jan1 + 7 * day)}, {}, {}, {{2, 3}}}, {}},
-        {"an empty time clause range excludes everything", {{at(jan1, jan1 + day)}, {clock(hour, hour)}, {}, {}}, {}},
+        {"an empty time clause range excludes everything",
+         {{at(jan1, jan1 + day)}, {clock(hour, hour)}, {}, {}},
+         {}},
         {"overlapping bases come out merged",
          {{at(jan1 + day, jan1 + 3 * day), at(jan1, jan1 + 2 * day)}, {clock(0, 12 * hour)}, {}, {}},
          {at(jan1, jan1 + 12 * hour), at(jan1 + day, jan1 + day + 12 * hour),
