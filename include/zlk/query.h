@@ -72,6 +72,12 @@ typedef struct
     zlk_string_t error_message;
 } zlk_query_result;
 
+/* Runs one statement of the query language. On success *result holds the column names and rows; a
+ * statement that failed with messages also gives a result, holding only them in error_message. Release
+ * a result with zlk_release(handle, result). Parse errors fail with zlk_e_invalid_query and say where
+ * in the last error. */
+ZLK_API zlk_error_t zlk_query(zlk_handle_t handle, const char * query, zlk_query_result ** result) ZLK_NOEXCEPT;
+
 /* Entries by tags, a prefix and a type, for instance
  *     FIND(TAG='sensors' AND NOT TAG='retired' AND PREFIX='eu.' AND TYPE=TS)
  * TYPE is one of BLOB, INTEGER, HSET, TAG, STREAM, DEQUE or TS. The request needs an accepted tag or a

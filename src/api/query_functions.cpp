@@ -8,6 +8,8 @@
 #include "api/retry_frame.hpp"
 #include "base/api_exception.hpp"
 #include "query/engine/find_execution.hpp"
+#include "query/engine/plain_select.hpp"
+#include "query/engine/query_result.hpp"
 #include "query/grammar/parse_query.hpp"
 #include "zlk/query.h"
 
@@ -28,7 +30,71 @@ std::string_view checked_query(const char * query)
     return std::string_view(q.data, q.length);
 }
 
+// The record handed to the caller: the rows of a statement that ran, or only its messages. A failure
+// without any message gives no record at all.
+void hand_out_result(zlk_session & h, zlk_error_t code, zlk::query::select_output & out,
+                     const std::vector<std::string> & messages, zlk_query_result ** result)
+{
+    std::string text = zlk::query::join_messages(messages);
+    if (ZLK_FAILURE(code) && text.empty())
+    {
+        return;
+    }
+    auto block = ZLK_FAILURE(code) ? zlk::query::make_result_block({}, {}, {}, 0, std::move(text))
+                                   : zlk::query::make_result_block(std::move(out.names), std::move(out.rows),
+                                                                   std::move(out.columns), out.scanned_points,
+                                                                   std::move(text));
+    zlk_query_result * at = &block->result;
+    h.objects_tracker.track(at, block, "query result");
+    *result = at;
+}
+
 } // namespace
+
+zlk_error_t zlk_query(zlk_handle_t handle, const char * query, zlk_query_result ** result) noexcept
+{
+    return zlk::api::api_call(handle, "query",
+                              [&]() -> zlk_error_t
+                              {
+                                  if (!result)
+                                  {
+                                      throw zlk_e_invalid_argument;
+                                  }
+                                  *result = nullptr;
+                                  const std::string_view text = checked_query(query);
+                                  zlk::query::ast::statement statement;
+                                  std::string message;
+                                  if (zlk::query::parse_query(text, statement, message))
+                                  {
+                                      throw zlk::api_exception(zlk_e_invalid_query, "{}", message);
+                                  }
+                                  auto * select = std::get_if<zlk::query::ast::parsed_select>(&statement);
+                                  zlk::query::query_context ctx;
+                                  zlk::query::select_output out;
+                                  zlk_error_t r = zlk_e_not_implemented;
+                                  if (!select)
+                                  {
+                                      ctx.fail(r, "Only SELECT statements are implemented yet.");
+                                  }
+                                  else
+                                  {
+                                      // Each attempt analyses afresh: nothing of a failed one is kept.
+                                      r = zlk::api::run_with_retries(
+                                          *handle,
+                                          [&]() -> zlk_error_t
+                                          {
+                                              ctx = zlk::query::query_context{};
+                                              out = zlk::query::select_output{};
+                                              zlk::query::ast::parsed_select attempt = *select;
+                                              return zlk::query::run_plain_select(
+                                                  handle->cluster, handle->max_cardinality.load(), attempt,
+                                                  ctx, out);
+                                          });
+                                  }
+                                  hand_out_result(*handle, r, out, ctx.messages, result);
+                                  return r;
+                              });
+}
 
 zlk_error_t zlk_query_find(zlk_handle_t handle, const char * query, const char *** aliases,
                            size_t * alias_count) noexcept

@@ -1,0 +1,113 @@
+// zlk_query on a one-node ring: plain columns over a range merged by time, `*`, ORDER BY and LIMIT,
+// a constant false WHERE, and what a failed statement hands back.
+#include <gtest/gtest.h>
+
+#include <string>
+#include <vector>
+
+#include "node/local_cluster.hpp"
+#include "zlk/zlk.h"
+
+namespace
+{
+
+constexpr std::int64_t jan1 = 1609459200; // 2021-01-01
+
+struct select_fixture : ::testing::Test
+{
+    zlk::node::local_cluster cluster{1};
+    zlk_handle_t h = nullptr;
+
+    void SetUp() override
+    {
+        ASSERT_EQ(zlk_open(&h, zlk_p_tcp), zlk_e_ok);
+        ASSERT_EQ(zlk_connect(h, cluster.uri().c_str()), zlk_e_ok);
+        const zlk_ts_column_info columns[] = {{"a", zlk_ts_column_double}, {"s", zlk_ts_column_string}};
+        ASSERT_EQ(zlk_ts_create(h, "t", 86400000, columns, 2), zlk_e_ok);
+        const zlk_ts_double_point a[] = {{{jan1 + 1, 0}, 1.5}, {{jan1 + 2, 0}, 2.5}, {{jan1 + 3, 0}, 3.5}};
+        ASSERT_EQ(zlk_ts_double_insert(h, "t", "a", a, 3), zlk_e_ok);
+        const zlk_ts_string_point s[] = {{{jan1 + 2, 0}, "x", 1}, {{jan1 + 4, 0}, "yy", 2}};
+        ASSERT_EQ(zlk_ts_string_insert(h, "t", "s", s, 2), zlk_e_ok);
+    }
+    void TearDown() override { zlk_close(h); }
+
+    // The result as text: names, then one line per row; none cells as "-".
+    std::string run(const char * text, zlk_error_t want)
+    {
+        zlk_query_result * r = nullptr;
+        EXPECT_EQ(zlk_query(h, text, &r), want) << text;
+        if (!r)
+        {
+            return "no result";
+        }
+        std::string out;
+        for (std::uint64_t c = 0; c < r->column_count; ++c)
+        {
+            out += (c ? "," : "") + std::string(r->column_names[c].data, r->column_names[c].length);
+        }
+        for (std::uint64_t i = 0; i < r->row_count; ++i)
+        {
+            out += "\n";
+            for (std::uint64_t c = 0; c < r->column_count; ++c)
+            {
+                const zlk_point_result & p = r->rows[i][c];
+                out += c ? "," : "";
+                switch (p.type)
+                {
+                case zlk_query_result_none:
+                    out += "-";
+                    break;
+                case zlk_query_result_double:
+                    out += std::to_string(p.payload.double_.value).substr(0, 3);
+                    break;
+                case zlk_query_result_timestamp:
+                    out += std::to_string(p.payload.timestamp.tv_sec - jan1);
+                    break;
+                case zlk_query_result_string:
+                    out += std::string(p.payload.string.content, p.payload.string.content_length);
+                    break;
+                default:
+                    out += "?";
+                }
+            }
+        }
+        if (r->error_message.length > 0)
+        {
+            out += "\nerror: " + std::string(r->error_message.data, r->error_message.length);
+        }
+        out += "\nscanned: " + std::to_string(r->scanned_point_count);
+        zlk_release(h, r);
+        return out;
+    }
+};
+
+TEST_F(select_fixture, plain_columns_merge_by_time)
+{
+    EXPECT_EQ(run("SELECT $timestamp, a, s FROM t IN RANGE(2021-01-01, +1d)", zlk_e_ok),
+              "$timestamp,a,s\n1,1.5,-\n2,2.5,x\n3,3.5,-\n4,-,yy\nscanned: 5");
+    EXPECT_EQ(run("select * from t in range(2021-01-01T00:00:02, 2021-01-01T00:00:04)", zlk_e_ok),
+              "$timestamp,$table,a,s\n2,t,2.5,x\n3,t,3.5,-\nscanned: 3");
+    EXPECT_EQ(run("SELECT a AS v FROM t IN RANGE(2021-01-01, +1d) ORDER BY v DESC LIMIT 2", zlk_e_ok),
+              "v\n3.5\n2.5\nscanned: 3");
+    EXPECT_EQ(run("SELECT a FROM t IN RANGE(2021-01-01, +1d) LIMIT 2 OFFSET 2", zlk_e_ok),
+              "a\n3.5\nscanned: 3");
+    EXPECT_EQ(run("SELECT a FROM t IN RANGE(2021-01-01, +1d) WHERE 0", zlk_e_ok), "a\nscanned: 0");
+    EXPECT_EQ(run("SELECT a FROM t IN RANGE(2022, +1d)", zlk_e_ok), "a\nscanned: 0");
+}
+
+TEST_F(select_fixture, a_failed_statement_hands_back_its_messages)
+{
+    EXPECT_EQ(run("SELECT a FROM nothere IN RANGE(2021, +1d)", zlk_e_alias_not_found),
+              "\nerror: Could not find table 'nothere'.\nscanned: 0");
+    EXPECT_EQ(run("SELECT zz FROM t IN RANGE(2021, +1d)", zlk_e_column_not_found),
+              "\nerror: Could not find column 'zz'.\nscanned: 0");
+    EXPECT_EQ(
+        run("SELECT max(a) FROM t IN RANGE(2021, +1d)", zlk_e_not_implemented),
+        "\nerror: Only SELECT of plain columns of one table, without WHERE, GROUP BY, HAVING or joins, is "
+        "implemented yet.\nscanned: 0");
+    EXPECT_EQ(run("SELEC a", zlk_e_invalid_query), "no result");
+    EXPECT_EQ(run("", zlk_e_invalid_query), "no result");
+    EXPECT_EQ(zlk_query(h, "SELECT a FROM t", nullptr), zlk_e_invalid_argument);
+}
+
+} // namespace
