@@ -8,7 +8,7 @@
 #include "api/retry_frame.hpp"
 #include "base/api_exception.hpp"
 #include "query/engine/find_execution.hpp"
-#include "query/engine/plain_select.hpp"
+#include "query/engine/direct_select.hpp"
 #include "query/engine/query_result.hpp"
 #include "query/grammar/parse_query.hpp"
 #include "zlk/query.h"
@@ -86,7 +86,7 @@ zlk_error_t zlk_query(zlk_handle_t handle, const char * query, zlk_query_result 
                                               ctx = zlk::query::query_context{};
                                               out = zlk::query::select_output{};
                                               zlk::query::ast::parsed_select attempt = *select;
-                                              return zlk::query::run_plain_select(
+                                              return zlk::query::run_direct_select(
                                                   handle->cluster, handle->max_cardinality.load(), attempt,
                                                   ctx, out);
                                           });

@@ -4,6 +4,7 @@
 
 #include <vector>
 
+#include "query/engine/direct_select.hpp"
 #include "query/engine/time_range_expansion.hpp"
 
 namespace
@@ -73,6 +74,25 @@ TEST(time_range_expansion, clauses_cut_the_base_ranges)
     {
         EXPECT_EQ(expand_time_ranges(c.ranges), c.expected) << c.what;
     }
+}
+
+TEST(group_buckets, buckets_walk_from_each_range_begin)
+{
+    const zlk::time::duration month{0, 1, 0, 0, 0};
+    // From January 31 the next month starts on March 3 in a common year.
+    EXPECT_EQ(group_buckets({at(1612051200, 1618012800)}, month),
+              (std::vector<interval>{at(1612051200, 1614729600), at(1614729600, 1617408000),
+                                     at(1617408000, 1618012800)}));
+    // From the 15th every bucket starts on a 15th; the last one ends with the range.
+    EXPECT_EQ(group_buckets({at(1610668800, 1616198400)}, month),
+              (std::vector<interval>{at(1610668800, 1613347200), at(1613347200, 1615766400),
+                                     at(1615766400, 1616198400)}));
+    // Each range walks on its own; an empty range gives nothing.
+    EXPECT_EQ(group_buckets({at(jan1, jan1 + 90 * 60), at(jan1 + day, jan1 + day),
+                             at(jan1 + 2 * day, jan1 + 2 * day + 10)},
+                            zlk::time::duration{0, 0, 0, hour, 0}),
+              (std::vector<interval>{at(jan1, jan1 + hour), at(jan1 + hour, jan1 + 90 * 60),
+                                     at(jan1 + 2 * day, jan1 + 2 * day + 10)}));
 }
 
 } // namespace

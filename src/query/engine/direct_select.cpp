@@ -1,13 +1,16 @@
-#include "query/engine/plain_select.hpp"
+#include "query/engine/direct_select.hpp"
 
 #include <fmt/format.h>
 
 #include <algorithm>
+#include <cstring>
 #include <memory>
 
 #include "query/engine/find_execution.hpp"
 #include "query/engine/select_analysis.hpp"
 #include "query/grammar/parse_query.hpp"
+#include "timeseries/aggregate_requests.hpp"
+#include "timeseries/codec/bucket.hpp"
 #include "timeseries/codec/ts_messages.hpp"
 #include "timeseries/column_requests.hpp"
 #include "timeseries/table_metadata.hpp"
@@ -169,16 +172,24 @@ zlk_error_t read_column(chord::cluster & c, const table_info & table, const colu
     return zlk_e_ok;
 }
 
-bool plain(const ast::parsed_select & s, const query_context & ctx)
+bool is_aggregation(aggregation_type f) noexcept
 {
-    if (s.join || s.group_by || s.having || ctx.where_kind == condition_kind::evaluated ||
-        ctx.from_tables.size() != 1)
+    return f != aggregation_type::none && ts::is_aggregation(static_cast<std::uint64_t>(f));
+}
+
+// What the direct stage of one table runs: plain columns and aggregations of columns, grouped by time at
+// most.
+bool direct(const ast::parsed_select & s, const query_context & ctx)
+{
+    if (s.join || s.having || ctx.where_kind == condition_kind::evaluated || ctx.from_tables.size() != 1 ||
+        ctx.group_by_table || !ctx.group_by_columns.empty())
     {
         return false;
     }
     for (const selected_column & col : ctx.selected_columns)
     {
-        if (col.function != aggregation_type::none || col.tree || col.lookup)
+        if (col.tree || col.lookup ||
+            (col.function != aggregation_type::none && !is_aggregation(col.function)))
         {
             return false;
         }
@@ -186,10 +197,127 @@ bool plain(const ast::parsed_select & s, const query_context & ctx)
     return true;
 }
 
+zlk_point_result cell_of(ts::result_value && value, kernel::column_type column, column_result & owner)
+{
+    zlk_point_result cell{};
+    cell.type = zlk_query_result_none;
+    std::visit(
+        [&](auto && v)
+        {
+            using T = std::decay_t<decltype(v)>;
+            if constexpr (std::is_same_v<T, double>)
+            {
+                cell.type = zlk_query_result_double;
+                cell.payload.double_.value = v;
+            }
+            else if constexpr (std::is_same_v<T, std::int64_t>)
+            {
+                cell.type = zlk_query_result_int64;
+                cell.payload.int64_.value = v;
+            }
+            else if constexpr (std::is_same_v<T, timespec>)
+            {
+                cell.type = zlk_query_result_timestamp;
+                cell.payload.timestamp = v.to_c();
+            }
+            else if constexpr (std::is_same_v<T, std::string>)
+            {
+                auto bytes = std::make_shared<const std::string>(std::move(v));
+                if (column == kernel::column_type::string)
+                {
+                    cell.type = zlk_query_result_string;
+                    cell.payload.string.content = bytes->data();
+                    cell.payload.string.content_length = bytes->size();
+                }
+                else
+                {
+                    cell.type = zlk_query_result_blob;
+                    cell.payload.blob.content = bytes->data();
+                    cell.payload.blob.content_length = bytes->size();
+                }
+                owner.storage.push_back(std::move(bytes));
+            }
+            else if constexpr (std::is_same_v<T, ts::int64_sum>)
+            {
+                cell.type = zlk_query_result_count_and_sum;
+                cell.payload.pair.first = v.integer;
+                std::memcpy(&cell.payload.pair.second, &v.rest, sizeof(double));
+            }
+        },
+        std::move(value));
+    return cell;
+}
+
+// One point per range: the aggregation of the column over it, at the range's begin.
+zlk_error_t aggregate_column(chord::cluster & c, const table_info & table, const column_info & column,
+                             aggregation_type f, const std::vector<time::interval> & ranges,
+                             column_result & out, std::uint64_t & scanned)
+{
+    out.table = table.name;
+    out.column = column.name;
+    out.column_type = column.type;
+    out.aggregation = f;
+    if (ranges.empty())
+    {
+        return zlk_e_ok;
+    }
+    ts::aggregate_target target;
+    target.table = ts::table_id(table.name);
+    target.type = column.type;
+    target.column_index = column.index;
+    target.shard_size = table.shard_size_ms;
+    std::vector<ts::aggregate_sub_request> asked;
+    asked.reserve(ranges.size());
+    for (const time::interval & r : ranges)
+    {
+        asked.push_back(ts::aggregate_sub_request{static_cast<std::uint64_t>(f),
+                                                  zlk_ts_range_t{r.begin.to_c(), r.end.to_c()}});
+    }
+    std::vector<ts::aggregation_state> states;
+    if (const zlk_error_t r = ts::run_aggregates(c, target, asked, states); ZLK_FAILURE(r))
+    {
+        return r;
+    }
+    out.points.reserve(ranges.size());
+    for (std::size_t i = 0; i < ranges.size(); ++i)
+    {
+        ts::aggregate_result result;
+        if (ts::finalise(f, column.type, std::move(states[i]), result))
+        {
+            return zlk_e_invalid_reply;
+        }
+        scanned += result.count;
+        out.points.push_back(
+            result_point{ranges[i].begin, cell_of(std::move(result.value), column.type, out)});
+    }
+    return zlk_e_ok;
+}
+
 } // namespace
 
-zlk_error_t run_plain_select(chord::cluster & c, std::uint64_t max_cardinality, ast::parsed_select & s,
-                             query_context & ctx, select_output & out)
+std::vector<time::interval> group_buckets(const std::vector<time::interval> & ranges,
+                                          const time::duration & d)
+{
+    std::vector<time::interval> out;
+    auto before = [](const timespec & a, const timespec & b)
+    { return a.tv_sec < b.tv_sec || (a.tv_sec == b.tv_sec && a.tv_nsec < b.tv_nsec); };
+    for (const time::interval & r : ranges)
+    {
+        timespec start = r.begin;
+        while (before(start, r.end))
+        {
+            const auto next = time::add(start, d);
+            // A step that doesn't move forward (or overflows) ends the range in one bucket.
+            const timespec end = next && before(start, *next) && before(*next, r.end) ? *next : r.end;
+            out.push_back(time::interval{start, end});
+            start = end;
+        }
+    }
+    return out;
+}
+
+zlk_error_t run_direct_select(chord::cluster & c, std::uint64_t max_cardinality, ast::parsed_select & s,
+                              query_context & ctx, select_output & out)
 {
     if (const zlk_error_t r = expand_from(c, max_cardinality, s, ctx); ZLK_FAILURE(r))
     {
@@ -206,13 +334,15 @@ zlk_error_t run_plain_select(chord::cluster & c, std::uint64_t max_cardinality, 
     {
         return r;
     }
-    if (!plain(s, ctx))
+    if (!direct(s, ctx))
     {
         return ctx.fail(
             zlk_e_not_implemented,
-            "Only SELECT of plain columns of one table, without WHERE, GROUP BY, HAVING or joins, is "
-            "implemented yet.");
+            "Only SELECT of columns and aggregations of columns of one table, grouped by time at most, "
+            "without a WHERE to evaluate, HAVING or joins, is implemented yet.");
     }
+    const std::vector<time::interval> buckets =
+        ctx.group_by_duration.is_zero() ? ctx.in_ranges : group_buckets(ctx.in_ranges, ctx.group_by_duration);
 
     const table_info & table = *ctx.find_table(ctx.from_tables.front());
     if (ctx.has_timestamp)
@@ -225,6 +355,7 @@ zlk_error_t run_plain_select(chord::cluster & c, std::uint64_t max_cardinality, 
     }
     // A `*` expands to the table's columns in the table's order.
     std::vector<const column_info *> by_index;
+    std::vector<aggregation_type> functions;
     for (const selected_column & col : ctx.selected_columns)
     {
         if (col.column == "*")
@@ -240,6 +371,7 @@ zlk_error_t run_plain_select(chord::cluster & c, std::uint64_t max_cardinality, 
             {
                 out.names.push_back(ci->name);
                 by_index.push_back(ci);
+                functions.push_back(aggregation_type::none);
             }
             continue;
         }
@@ -250,6 +382,7 @@ zlk_error_t run_plain_select(chord::cluster & c, std::uint64_t max_cardinality, 
         }
         out.names.push_back(col.name);
         by_index.push_back(ci);
+        functions.push_back(col.function);
     }
 
     out.columns.resize(by_index.size());
@@ -257,13 +390,19 @@ zlk_error_t run_plain_select(chord::cluster & c, std::uint64_t max_cardinality, 
     {
         for (std::size_t i = 0; i < by_index.size(); ++i)
         {
-            if (const zlk_error_t r = read_column(c, table, *by_index[i], ctx, out.columns[i]);
-                ZLK_FAILURE(r))
+            const zlk_error_t r = functions[i] == aggregation_type::none
+                                      ? read_column(c, table, *by_index[i], ctx, out.columns[i])
+                                      : aggregate_column(c, table, *by_index[i], functions[i], buckets,
+                                                         out.columns[i], out.scanned_points);
+            if (ZLK_FAILURE(r))
             {
                 return ctx.fail(r, fmt::format("Could not read column '{}' of table '{}'.", by_index[i]->name,
                                                table.name));
             }
-            out.scanned_points += out.columns[i].points.size();
+            if (functions[i] == aggregation_type::none)
+            {
+                out.scanned_points += out.columns[i].points.size();
+            }
         }
     }
     std::vector<const column_result *> views;
