@@ -7,8 +7,8 @@
 #include "api/entry_support.hpp"
 #include "api/retry_frame.hpp"
 #include "base/api_exception.hpp"
-#include "query/engine/find_execution.hpp"
 #include "query/engine/direct_select.hpp"
+#include "query/engine/find_execution.hpp"
 #include "query/engine/query_result.hpp"
 #include "query/grammar/parse_query.hpp"
 #include "zlk/query.h"
@@ -53,47 +53,51 @@ void hand_out_result(zlk_session & h, zlk_error_t code, zlk::query::select_outpu
 
 zlk_error_t zlk_query(zlk_handle_t handle, const char * query, zlk_query_result ** result) noexcept
 {
-    return zlk::api::api_call(handle, "query",
-                              [&]() -> zlk_error_t
-                              {
-                                  if (!result)
-                                  {
-                                      throw zlk_e_invalid_argument;
-                                  }
-                                  *result = nullptr;
-                                  const std::string_view text = checked_query(query);
-                                  zlk::query::ast::statement statement;
-                                  std::string message;
-                                  if (zlk::query::parse_query(text, statement, message))
-                                  {
-                                      throw zlk::api_exception(zlk_e_invalid_query, "{}", message);
-                                  }
-                                  auto * select = std::get_if<zlk::query::ast::parsed_select>(&statement);
-                                  zlk::query::query_context ctx;
-                                  zlk::query::select_output out;
-                                  zlk_error_t r = zlk_e_not_implemented;
-                                  if (!select)
-                                  {
-                                      ctx.fail(r, "Only SELECT statements are implemented yet.");
-                                  }
-                                  else
-                                  {
-                                      // Each attempt analyses afresh: nothing of a failed one is kept.
-                                      r = zlk::api::run_with_retries(
-                                          *handle,
-                                          [&]() -> zlk_error_t
-                                          {
-                                              ctx = zlk::query::query_context{};
-                                              out = zlk::query::select_output{};
-                                              zlk::query::ast::parsed_select attempt = *select;
-                                              return zlk::query::run_direct_select(
-                                                  handle->cluster, handle->max_cardinality.load(), attempt,
-                                                  ctx, out);
-                                          });
-                                  }
-                                  hand_out_result(*handle, r, out, ctx.messages, result);
-                                  return r;
-                              });
+    return zlk::api::api_call(
+        handle, "query",
+        [&]() -> zlk_error_t
+        {
+            if (!result)
+            {
+                throw zlk_e_invalid_argument;
+            }
+            *result = nullptr;
+            const std::string_view text = checked_query(query);
+            zlk::query::ast::statement statement;
+            std::string message;
+            if (zlk::query::parse_query(text, statement, message))
+            {
+                // The caller gets the message twice: in a result, as for any
+                // failed statement, and as the last error.
+                zlk::query::select_output nothing;
+                hand_out_result(*handle, zlk_e_invalid_query, nothing, {message}, result);
+                throw zlk::api_exception(zlk_e_invalid_query, "{}", message);
+            }
+            auto * select = std::get_if<zlk::query::ast::parsed_select>(&statement);
+            zlk::query::query_context ctx;
+            zlk::query::select_output out;
+            zlk_error_t r = zlk_e_not_implemented;
+            if (!select)
+            {
+                ctx.fail(r, "Only SELECT statements are implemented yet.");
+            }
+            else
+            {
+                // Each attempt analyses afresh: nothing of a failed one is kept.
+                r = zlk::api::run_with_retries(*handle,
+                                               [&]() -> zlk_error_t
+                                               {
+                                                   ctx = zlk::query::query_context{};
+                                                   out = zlk::query::select_output{};
+                                                   zlk::query::ast::parsed_select attempt = *select;
+                                                   return zlk::query::run_direct_select(
+                                                       handle->cluster, handle->max_cardinality.load(),
+                                                       attempt, ctx, out);
+                                               });
+            }
+            hand_out_result(*handle, r, out, ctx.messages, result);
+            return r;
+        });
 }
 
 zlk_error_t zlk_query_find(zlk_handle_t handle, const char * query, const char *** aliases,

@@ -125,7 +125,17 @@ TEST_F(select_fixture, a_failed_statement_hands_back_its_messages)
         run("SELECT cumsum(a) FROM t IN RANGE(2021, +1d)", zlk_e_not_implemented),
         "\nerror: Only SELECT of columns and aggregations of columns of one table, grouped by time at most, "
         "without a WHERE to evaluate, HAVING or joins, is implemented yet.\nscanned: 0");
-    EXPECT_EQ(run("SELEC a", zlk_e_invalid_query), "no result");
+    EXPECT_EQ(run("SELEC a", zlk_e_invalid_query), "\nerror: invalid query string\nscanned: 0");
+    EXPECT_EQ(run("SELECT a FROM t IN", zlk_e_invalid_query),
+              "\nerror: At line 1: expected [RANGE(begin, end or +/-offset), ...].\nSELECT a FROM t IN\n"
+              "                  ^\nscanned: 0");
+    zlk_error_t code = zlk_e_ok;
+    zlk_string_t last{};
+    ASSERT_EQ(zlk_get_last_error(h, &code, &last), zlk_e_ok);
+    EXPECT_EQ(code, zlk_e_invalid_query);
+    EXPECT_EQ(std::string(last.data, last.length),
+              "at query: At line 1: expected [RANGE(begin, end or +/-offset), ...].\nSELECT a FROM t IN\n"
+              "                  ^");
     EXPECT_EQ(run("", zlk_e_invalid_query), "no result");
     EXPECT_EQ(zlk_query(h, "SELECT a FROM t", nullptr), zlk_e_invalid_argument);
 }
