@@ -10,6 +10,7 @@
 #include "query/engine/direct_select.hpp"
 #include "query/engine/find_execution.hpp"
 #include "query/engine/query_result.hpp"
+#include "query/engine/table_statements.hpp"
 #include "query/grammar/parse_query.hpp"
 #include "zlk/query.h"
 
@@ -77,9 +78,19 @@ zlk_error_t zlk_query(zlk_handle_t handle, const char * query, zlk_query_result 
             zlk::query::query_context ctx;
             zlk::query::select_output out;
             zlk_error_t r = zlk_e_not_implemented;
-            if (!select)
+            if (const auto * create = std::get_if<zlk::query::ast::parsed_create_table>(&statement))
             {
-                ctx.fail(r, "Only SELECT statements are implemented yet.");
+                r = zlk::api::run_with_retries(*handle,
+                                               [&]() -> zlk_error_t
+                                               {
+                                                   ctx = zlk::query::query_context{};
+                                                   return zlk::query::run_create_table(handle->cluster,
+                                                                                       *create, ctx);
+                                               });
+            }
+            else if (!select)
+            {
+                ctx.fail(r, "Only SELECT and CREATE TABLE statements are implemented yet.");
             }
             else
             {

@@ -115,6 +115,29 @@ TEST_F(select_fixture, aggregations_over_ranges_and_time_buckets)
               "\nerror: GROUP BY clause with duration requires IN RANGE\nscanned: 0");
 }
 
+TEST_F(select_fixture, create_table_then_select_from_it)
+{
+    EXPECT_EQ(run("CREATE TABLE m (v DOUBLE, n INT64, note STRING) SHARD_SIZE = 1h", zlk_e_ok),
+              "\nscanned: 0");
+    EXPECT_EQ(run("CREATE TABLE m (v DOUBLE)", zlk_e_alias_already_exists),
+              "\nerror: Table 'm' already exists.\nscanned: 0");
+    EXPECT_EQ(run("CREATE TABLE IF NOT EXISTS m (v DOUBLE)", zlk_e_ok), "\nscanned: 0");
+    EXPECT_EQ(run("CREATE TABLE w (a DOUBLE, b INT64, a STRING, b BLOB, a BLOB)", zlk_e_invalid_argument),
+              "\nerror: The 1th and 3th and 5th columns are the same ('a').\nscanned: 0");
+    EXPECT_EQ(
+        run("CREATE TABLE w (a DOUBLE) SHARD_SIZE = 1month", zlk_e_invalid_argument),
+        "\nerror: The shard size of table 'w' must be a positive number of milliseconds, written in days, "
+        "hours, minutes, seconds or milliseconds.\nscanned: 0");
+
+    const zlk_ts_double_point v[] = {{{jan1 + 3600, 0}, 4.0}, {{jan1 + 7300, 0}, 6.0}};
+    ASSERT_EQ(zlk_ts_double_insert(h, "m", "v", v, 2), zlk_e_ok);
+    EXPECT_EQ(
+        run("SELECT $timestamp, sum(v), n FROM m IN RANGE(2021-01-01, +3h) GROUP BY 1h", zlk_e_invalid_query),
+        "\nerror: A group by time expects an aggregation function applied to columns.\nscanned: 0");
+    EXPECT_EQ(run("SELECT sum(v) FROM m IN RANGE(2021-01-01, +3h) GROUP BY 1h", zlk_e_ok),
+              "$timestamp,sum(v)\n0,-\n3600,4.0\n7200,6.0\nscanned: 2");
+}
+
 TEST_F(select_fixture, a_failed_statement_hands_back_its_messages)
 {
     EXPECT_EQ(run("SELECT a FROM nothere IN RANGE(2021, +1d)", zlk_e_alias_not_found),
