@@ -26,24 +26,7 @@ bool is_transformation(aggregation_type f) noexcept
 
 std::string_view type_name(std::optional<kernel::column_type> t) noexcept
 {
-    if (!t)
-    {
-        return "unknown";
-    }
-    switch (*t)
-    {
-    case kernel::column_type::double_:
-        return "double";
-    case kernel::column_type::blob:
-        return "blob";
-    case kernel::column_type::int64:
-        return "int64";
-    case kernel::column_type::timestamp:
-        return "timestamp";
-    case kernel::column_type::string:
-        return "string";
-    }
-    return "unknown";
+    return t ? column_type_name(*t) : std::string_view{"unknown"};
 }
 
 // Every function call of a plain expression tree, outermost first.

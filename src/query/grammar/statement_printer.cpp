@@ -27,23 +27,6 @@ std::string list(const Range & items, F && print)
     return out;
 }
 
-std::string column_type_name(kernel::column_type t)
-{
-    switch (t)
-    {
-    case kernel::column_type::double_:
-        return "double";
-    case kernel::column_type::blob:
-        return "blob";
-    case kernel::column_type::int64:
-        return "int64";
-    case kernel::column_type::timestamp:
-        return "timestamp";
-    case kernel::column_type::string:
-        return "string";
-    }
-    return "unknown";
-}
 
 std::string reference(const entry_reference & r)
 {
@@ -149,7 +132,7 @@ struct statement_printer
     {
         return fmt::format("create {}{} {} shard_size {}", c.if_not_exists ? "if_not_exists " : "", c.table,
                            list(c.columns, [](const column_description & d)
-                                { return d.name + " " + column_type_name(d.type); }),
+                                { return d.name + " " + std::string(column_type_name(d.type)); }),
                            to_string(c.shard_size));
     }
     std::string operator()(const ast::parsed_alter_table & a) const
@@ -158,7 +141,7 @@ struct statement_printer
         if (!a.adds.empty())
         {
             out += " add " + list(a.adds, [](const column_description & d)
-                                  { return d.name + " " + column_type_name(d.type); });
+                                  { return d.name + " " + std::string(column_type_name(d.type)); });
         }
         if (!a.renames.empty())
         {
@@ -208,6 +191,24 @@ struct statement_printer
 };
 
 } // namespace
+
+std::string_view column_type_name(kernel::column_type t) noexcept
+{
+    switch (t)
+    {
+    case kernel::column_type::double_:
+        return "double";
+    case kernel::column_type::blob:
+        return "blob";
+    case kernel::column_type::int64:
+        return "int64";
+    case kernel::column_type::timestamp:
+        return "timestamp";
+    case kernel::column_type::string:
+        return "string";
+    }
+    return "unknown";
+}
 
 std::string_view privilege_name(privilege p) noexcept
 {

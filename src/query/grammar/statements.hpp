@@ -4,6 +4,7 @@
 #include <cstdint>
 #include <optional>
 #include <string>
+#include <string_view>
 #include <utility>
 #include <variant>
 #include <vector>
@@ -109,6 +110,9 @@ enum class privilege : std::uint8_t
 };
 
 std::string_view privilege_name(privilege p) noexcept;
+
+// "double", "blob", "int64", "timestamp", "string", else "unknown".
+std::string_view column_type_name(kernel::column_type t) noexcept;
 
 namespace ast
 {
