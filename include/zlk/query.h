@@ -76,7 +76,8 @@ typedef struct
  * statement that failed with messages also gives a result, holding only them in error_message. Release
  * a result with zlk_release(handle, result). Parse errors fail with zlk_e_invalid_query and say where
  * in the last error. */
-ZLK_API zlk_error_t zlk_query(zlk_handle_t handle, const char * query, zlk_query_result ** result) ZLK_NOEXCEPT;
+ZLK_API zlk_error_t zlk_query(zlk_handle_t handle, const char * query,
+                              zlk_query_result ** result) ZLK_NOEXCEPT;
 
 /* Entries by tags, a prefix and a type, for instance
  *     FIND(TAG='sensors' AND NOT TAG='retired' AND PREFIX='eu.' AND TYPE=TS)

@@ -45,17 +45,18 @@ void define_select(rules & r)
 
     // [LEFT | RIGHT | OUTER] ASOF JOIN table; a bare ASOF JOIN keeps every row of the left table.
     r.join_clause = (-(qi::no_case[join_words] >>
-                      word_end)[([](join_type t, auto & ctx, bool &) { value_of(ctx).type = t; })] >>
-                    r.kw.asof >> r.kw.join) > r.table_name[(
-                                                 [](std::string & name, auto & ctx, bool &)
-                                                 {
-                                                     joined_table & j = value_of(ctx);
-                                                     if (j.type == join_type::none)
-                                                     {
-                                                         j.type = join_type::asof_left;
-                                                     }
-                                                     j.table = std::move(name);
-                                                 })];
+                       word_end)[([](join_type t, auto & ctx, bool &) { value_of(ctx).type = t; })] >>
+                     r.kw.asof >> r.kw.join) >
+                    r.table_name[(
+                        [](std::string & name, auto & ctx, bool &)
+                        {
+                            joined_table & j = value_of(ctx);
+                            if (j.type == join_type::none)
+                            {
+                                j.type = join_type::asof_left;
+                            }
+                            j.table = std::move(name);
+                        })];
     r.join_clause.name("JOIN clause");
 
     // A list of one kind or the other; the analysis refuses a second duration.

@@ -27,7 +27,6 @@ std::string list(const Range & items, F && print)
     return out;
 }
 
-
 std::string reference(const entry_reference & r)
 {
     if (const auto * name = std::get_if<std::string>(&r))
